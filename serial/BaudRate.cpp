@@ -62,8 +62,9 @@ speed_t BaudRateToSpeed(std::int32_t baudRate) {
         return 0;
     }
     const auto rate = static_cast<std::uint32_t>(baudRate);
-    const BaudEntry* entry = FindEntry(
-        kSelectableRates, [rate](const BaudEntry& candidate) { return candidate.baudRate == rate; });
+    const BaudEntry* entry = FindEntry(kSelectableRates, [rate](const BaudEntry& candidate) {
+        return candidate.baudRate == rate;
+    });
     return entry == nullptr ? 0 : entry->speed;
 }
 

@@ -17,8 +17,8 @@ struct ChildOptions {
 struct ChildResult {
     std::string out;
     std::string err;
-    int exitStatus = -1;   // exit status, when the child exited
-    int termSignal = 0;    // signal number, when a signal ended it
+    int exitStatus = -1;  // exit status, when the child exited
+    int termSignal = 0;   // signal number, when a signal ended it
     bool timedOut = false;
 };
 
