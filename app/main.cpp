@@ -1,7 +1,7 @@
 #include "app/CommandLine.h"
+#include "app/LoopbackTest.h"
 
 int main(int argc, char* argv[]) {
     const RunSettings settings = ReadCommandLine(argc, argv);
-    static_cast<void>(settings);
-    return 0;
+    return RunLoopbackTest(settings);
 }

@@ -1,0 +1,13 @@
+#ifndef MEROVANE_APP_LOOPBACKTEST_H
+#define MEROVANE_APP_LOOPBACKTEST_H
+
+#include "app/CommandLine.h"
+
+// Runs the test on "/dev/ttyS2" and returns the process's exit status: 0
+// when the input is used up (or can't be opened), 1 when the port fails.
+// A byte that comes back different, and the single byte of the 0x55 mode,
+// end the process at once with status 0, leaving the port as the test set it
+// so that it can be examined afterwards.
+int RunLoopbackTest(const RunSettings& settings);
+
+#endif
