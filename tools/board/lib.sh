@@ -1,0 +1,429 @@
+# Emulated board: shared host side of tools/board-run, tools/board/ci-test and
+# tools/board/bench.  Sourced, not run.
+#
+# The board is a QEMU machine whose Linux kernel drives an emulated 16550 with
+# its real serial driver.  Everything it needs comes from Debian packages:
+# QEMU and cpio are installed on the host; the kernel and a static busybox
+# are downloaded as .deb files and unpacked into build/board-cache, so the
+# host's own busybox and kernel packages are never touched.
+
+BOARD_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+BOARD_DIR=$BOARD_ROOT/tools/board
+BOARD_CACHE=$BOARD_ROOT/build/board-cache
+BOARD_VERBOSE=${BOARD_VERBOSE:-0}
+BOARD_PUT=()
+BOARD_BOOT_START=
+BOARD_APT_UPDATED=0
+
+board_say() { printf 'board: %s\n' "$*" >&2; }
+board_info() { if [ "$BOARD_VERBOSE" = 1 ]; then board_say "$@"; fi; }
+board_die() {
+    board_say "$*"
+    exit 2
+}
+
+# board_log_run LOG COMMAND...: quiet unless it fails, then show its log.
+board_log_run() {
+    local log=$1
+    shift
+    if ! "$@" >"$log" 2>&1; then
+        board_say "failed: $*"
+        tail -n 40 "$log" >&2
+        return 1
+    fi
+}
+
+board_is_root() { [ "$(id -u)" = 0 ]; }
+
+board_apt_update() {
+    if [ "$BOARD_APT_UPDATED" = 0 ]; then
+        board_say "apt-get update"
+        # A mirror caught mid-sync fails one index but leaves the others
+        # fresh; the install that follows says whether that was enough.
+        if ! apt-get -o DPkg::Lock::Timeout=300 update >"$BOARD_CACHE/apt-update.log" 2>&1; then
+            grep '^E:' "$BOARD_CACHE/apt-update.log" >&2
+            board_say "apt-get update reported errors; going on with the lists it has"
+        fi
+        BOARD_APT_UPDATED=1
+    fi
+}
+
+# board_arch ARCH: everything that differs between the two boards.
+board_arch() {
+    BOARD_ARCH=$1
+    case $BOARD_ARCH in
+    x86_64)
+        BOARD_DEB_ARCH=amd64
+        BOARD_QEMU=qemu-system-x86_64
+        BOARD_KERNEL_META=linux-image-cloud-amd64
+        BOARD_CC=gcc
+        # command:package pairs needed on the host
+        BOARD_HOST_NEEDS="qemu-system-x86_64:qemu-system-x86 cpio:cpio gcc:gcc g++:g++ cmake:cmake"
+        BOARD_CMAKE_CROSS=()
+        ;;
+    armhf)
+        BOARD_DEB_ARCH=armhf
+        BOARD_QEMU=qemu-system-arm
+        BOARD_KERNEL_META=linux-image-armmp
+        BOARD_CC=arm-linux-gnueabihf-gcc
+        BOARD_HOST_NEEDS="qemu-system-arm:qemu-system-arm cpio:cpio gcc:gcc cmake:cmake
+            arm-linux-gnueabihf-gcc:gcc-arm-linux-gnueabihf
+            arm-linux-gnueabihf-g++:g++-arm-linux-gnueabihf fdtput:device-tree-compiler"
+        if [ -f "$BOARD_ROOT/cmake/toolchains/arm-linux-gnueabihf.cmake" ]; then
+            BOARD_CMAKE_CROSS=(-DCMAKE_TOOLCHAIN_FILE="$BOARD_ROOT/cmake/toolchains/arm-linux-gnueabihf.cmake")
+        else
+            BOARD_CMAKE_CROSS=(-DCMAKE_SYSTEM_NAME=Linux -DCMAKE_SYSTEM_PROCESSOR=arm
+                -DCMAKE_C_COMPILER=arm-linux-gnueabihf-gcc
+                -DCMAKE_CXX_COMPILER=arm-linux-gnueabihf-g++)
+        fi
+        ;;
+    *) board_die "unknown --arch '$BOARD_ARCH' (x86_64 or armhf)" ;;
+    esac
+    BOARD_BUILD=$BOARD_ROOT/build/board-$BOARD_ARCH
+    BOARD_ARCH_CACHE=$BOARD_CACHE/$BOARD_ARCH
+}
+
+# board_ensure_host: install missing host packages (root), or say how.
+board_ensure_host() {
+    mkdir -p "$BOARD_CACHE"
+    local pair missing=()
+    for pair in $BOARD_HOST_NEEDS; do
+        command -v "${pair%%:*}" >/dev/null 2>&1 || missing+=("${pair#*:}")
+    done
+    local foreign=0
+    if [ "$BOARD_DEB_ARCH" != "$(dpkg --print-architecture)" ] &&
+        ! dpkg --print-foreign-architectures | grep -qx "$BOARD_DEB_ARCH"; then
+        foreign=1
+    fi
+    if [ ${#missing[@]} = 0 ] && [ $foreign = 0 ]; then
+        return 0
+    fi
+    if ! board_is_root; then
+        board_say "this host lacks what the $BOARD_ARCH board needs; install it with:"
+        if [ $foreign = 1 ]; then
+            # The guest's kernel and busybox are $BOARD_DEB_ARCH packages.
+            printf '  sudo dpkg --add-architecture %s\n' "$BOARD_DEB_ARCH" >&2
+        fi
+        printf '  sudo apt-get update' >&2
+        if [ ${#missing[@]} -gt 0 ]; then
+            printf ' && sudo apt-get install -y --no-install-recommends %s' "${missing[*]}" >&2
+        fi
+        printf '\n' >&2
+        exit 2
+    fi
+    if [ $foreign = 1 ]; then
+        board_say "dpkg --add-architecture $BOARD_DEB_ARCH"
+        dpkg --add-architecture "$BOARD_DEB_ARCH"
+    fi
+    board_apt_update
+    if [ ${#missing[@]} -gt 0 ]; then
+        board_say "apt-get install ${missing[*]}"
+        board_log_run "$BOARD_CACHE/apt-install.log" env DEBIAN_FRONTEND=noninteractive \
+            apt-get -o DPkg::Lock::Timeout=300 install -y --no-install-recommends "${missing[@]}" || exit 2
+    fi
+}
+
+# board_resolve_package META: the versioned package a meta-package points to.
+board_resolve_package() {
+    apt-cache depends "$1" 2>/dev/null | awk '$1 == "Depends:" { print $2; exit }'
+}
+
+# board_fetch_deb PACKAGE DIR: download a .deb (no root needed) and unpack it.
+board_fetch_deb() {
+    local package=$1 dir=$2 debs=$BOARD_CACHE/debs
+    mkdir -p "$debs" "$dir"
+    local deb
+    deb=$(find "$debs" -maxdepth 1 -name "${package%%:*}_*_$BOARD_DEB_ARCH.deb" -print -quit)
+    if [ -z "$deb" ]; then
+        board_say "downloading $package"
+        # apt drops to its sandbox user, which cannot write into a root-owned
+        # tree; the download itself is unprivileged either way.
+        (cd "$debs" && board_log_run "$BOARD_CACHE/apt-download.log" \
+            apt-get -o APT::Sandbox::User=root download "$package") || {
+            board_say "could not download $package; as root run: apt-get update"
+            exit 2
+        }
+        deb=$(find "$debs" -maxdepth 1 -name "${package%%:*}_*_$BOARD_DEB_ARCH.deb" -print -quit)
+    fi
+    [ -n "$deb" ] || board_die "no .deb for $package in $debs"
+    dpkg-deb -x "$deb" "$dir"
+}
+
+# board_ensure_kernel: BOARD_KERNEL (and BOARD_DTB on ARM), cached.
+board_ensure_kernel() {
+    local kdir=$BOARD_ARCH_CACHE/kernel
+    if [ ! -s "$kdir/vmlinuz" ]; then
+        local meta=$BOARD_KERNEL_META package
+        [ "$BOARD_ARCH" = armhf ] && meta=$meta:armhf
+        package=$(board_resolve_package "$meta")
+        if [ -z "$package" ] && board_is_root; then
+            board_apt_update
+            package=$(board_resolve_package "$meta")
+        fi
+        [ -n "$package" ] || board_die "cannot resolve $meta (as root run: apt-get update)"
+        rm -rf "$kdir.tmp"
+        board_fetch_deb "$package" "$kdir.tmp/x"
+        cp "$kdir.tmp"/x/boot/vmlinuz-* "$kdir.tmp/vmlinuz"
+        if [ "$BOARD_ARCH" = armhf ]; then
+            cp "$(find "$kdir.tmp/x" -name sun8i-h3-orangepi-pc.dtb -print -quit)" \
+                "$kdir.tmp/board.dtb"
+            board_patch_dtb "$kdir.tmp/board.dtb"
+        fi
+        echo "$package" >"$kdir.tmp/PACKAGE"
+        rm -rf "$kdir.tmp/x" "$kdir"
+        mv "$kdir.tmp" "$kdir"
+    fi
+    BOARD_KERNEL=$kdir/vmlinuz
+    BOARD_DTB=$kdir/board.dtb
+}
+
+# The Orange Pi PC device tree enables only uart0; the board needs uart1..3
+# as ttyS1..3, numbered by aliases so that uart2 is /dev/ttyS2.
+board_patch_dtb() {
+    local dtb=$1 n
+    for n in 1 2 3; do
+        local node
+        node=$(fdtget -l "$dtb" /soc 2>/dev/null | grep -x "serial@$(printf '%x' $((0x1c28000 + n * 0x400)))") ||
+            board_die "no uart$n node in the device tree"
+        fdtput -t s "$dtb" "/soc/$node" status okay
+        fdtput -t s "$dtb" /aliases "serial$n" "/soc/$node"
+    done
+}
+
+# board_ensure_busybox: a static busybox for the guest, from busybox-static.
+board_ensure_busybox() {
+    local bdir=$BOARD_ARCH_CACHE/busybox
+    if [ ! -x "$bdir/busybox" ]; then
+        local package=busybox-static
+        [ "$BOARD_ARCH" = armhf ] && package=busybox-static:armhf
+        rm -rf "$bdir.tmp"
+        board_fetch_deb "$package" "$bdir.tmp/x"
+        cp "$bdir.tmp/x/bin/busybox" "$bdir.tmp/busybox"
+        rm -rf "$bdir.tmp/x" "$bdir"
+        mv "$bdir.tmp" "$bdir"
+    fi
+    BOARD_BUSYBOX=$bdir/busybox
+}
+
+# board_build_tool: the shipped Merovane, linked statically for the guest.
+# BOARD_MEROVANE=/path/to/Merovane boots a binary built elsewhere instead
+# (a release artefact, say); it must be static and of the board's arch.
+board_build_tool() {
+    if [ -n "${BOARD_MEROVANE:-}" ]; then
+        [ -x "$BOARD_MEROVANE" ] || board_die "BOARD_MEROVANE: not an executable: $BOARD_MEROVANE"
+        BOARD_TOOL=$BOARD_MEROVANE
+        return
+    fi
+    mkdir -p "$BOARD_BUILD"
+    if [ ! -f "$BOARD_BUILD/CMakeCache.txt" ]; then
+        board_log_run "$BOARD_BUILD/configure.log" cmake -S "$BOARD_ROOT" -B "$BOARD_BUILD" \
+            -DBUILD_TESTING=OFF -DCMAKE_BUILD_TYPE=Release \
+            -DCMAKE_EXE_LINKER_FLAGS=-static "${BOARD_CMAKE_CROSS[@]}" || exit 2
+    fi
+    board_log_run "$BOARD_BUILD/build.log" cmake --build "$BOARD_BUILD" --target Merovane \
+        -j "$(nproc)" || exit 2
+    BOARD_TOOL=$BOARD_BUILD/app/Merovane
+    [ -x "$BOARD_TOOL" ] || BOARD_TOOL=$(find "$BOARD_BUILD" -type f -name Merovane -perm -u+x -print -quit)
+    [ -x "$BOARD_TOOL" ] || board_die "no Merovane binary in $BOARD_BUILD"
+}
+
+# board_build_helpers: the host plug and the static guest helpers.
+board_build_helpers() {
+    local host=$BOARD_ROOT/build/board-host out=$BOARD_BUILD/helpers
+    mkdir -p "$host" "$out"
+    if [ ! -x "$host/plug" ] || [ "$BOARD_DIR/plug.c" -nt "$host/plug" ]; then
+        board_log_run "$host/build.log" gcc -std=c11 -O2 -Wall -Wextra -Werror \
+            -o "$host/plug" "$BOARD_DIR/plug.c" || exit 2
+    fi
+    BOARD_PLUG=$host/plug
+    local name
+    for name in refloop stopwatch; do
+        if [ ! -x "$out/$name" ] || [ "$BOARD_DIR/$name.c" -nt "$out/$name" ]; then
+            board_log_run "$out/build.log" "$BOARD_CC" -std=c11 -O2 -Wall -Wextra -Werror \
+                -static -o "$out/$name" "$BOARD_DIR/$name.c" || exit 2
+        fi
+    done
+    BOARD_HELPERS=$out
+}
+
+# board_prepare ARCH: everything up to a bootable kernel and binaries.
+board_prepare() {
+    local start
+    start=$(date +%s.%N)
+    board_arch "$1"
+    board_ensure_host
+    board_ensure_kernel
+    board_ensure_busybox
+    board_build_tool
+    board_build_helpers
+    board_info "$BOARD_ARCH: tools, kernel and build ready in $(board_since "$start") s"
+}
+
+# board_bytes FILE COUNT GENERATOR: COUNT bytes made by a deterministic
+# generator, so that every checkout packs the same samples.
+board_bytes() {
+    local file=$1 count=$2 kind=$3 i x=12345 fmt="" h
+    for ((i = 0; i < count; i++)); do
+        case $kind in
+        pattern) h=$((i & 255)) ;;
+        prng)
+            # The classic C library LCG; bits 16..23 have a long period.
+            x=$(((x * 1103515245 + 12345) & 0x7fffffff))
+            h=$(((x >> 16) & 255))
+            ;;
+        esac
+        printf -v h '\\x%02x' "$h"
+        fmt+=$h
+    done
+    # shellcheck disable=SC2059 # the escapes are the data
+    printf "$fmt" >"$file"
+}
+
+board_make_samples() {
+    local dir=$1
+    mkdir -p "$dir"
+    : >"$dir/empty.bin"
+    board_bytes "$dir/pattern-99.bin" 99 pattern
+    board_bytes "$dir/pattern-100.bin" 100 pattern
+    board_bytes "$dir/pattern-256.bin" 256 pattern
+    board_bytes "$dir/pattern-1k.bin" 1024 pattern
+    board_bytes "$dir/prng-30k.bin" 30000 prng
+    board_bytes "$dir/bench-8k.bin" 8192 prng
+    printf 'The quick brown fox jumps over the lazy dog.\n%.0s' {1..10} >"$dir/text.txt"
+}
+
+# board_pack WORKDIR: the initramfs without its job (WORKDIR/base.cpio).
+board_pack() {
+    local work=$1 stage=$1/root
+    rm -rf "$stage"
+    mkdir -p "$stage"/{bin,sbin,usr/bin,usr/sbin,lib,dev,proc,sys,tmp}
+    cp "$BOARD_BUSYBOX" "$stage/bin/busybox"
+    cp "$BOARD_TOOL" "$stage/usr/bin/Merovane"
+    cp "$BOARD_HELPERS/refloop" "$BOARD_HELPERS/stopwatch" "$stage/usr/bin/"
+    install -m 755 "$BOARD_DIR/guest/init" "$stage/init"
+    cp "$BOARD_DIR/guest/board.sh" "$stage/lib/board.sh"
+    board_make_samples "$stage/samples"
+    local file
+    for file in "${BOARD_PUT[@]}"; do
+        cp "$file" "$stage/samples/"
+    done
+    (cd "$stage" && find . | LC_ALL=C sort | cpio -o -H newc -R 0:0 --quiet) >"$work/base.cpio"
+    board_info "initramfs packed: $(($(stat -c %s "$work/base.cpio") / 1024)) KiB"
+}
+
+# board_quote ARG...: the arguments as one line of sh words.
+board_quote() {
+    local arg out=""
+    for arg in "$@"; do
+        out+=" '${arg//\'/\'\\\'\'}'"
+    done
+    printf '%s' "${out# }"
+}
+
+# board_initrd WORKDIR JOBTEXT: base archive plus a second one holding
+# /job.sh; the kernel unpacks concatenated newc archives in turn.
+board_initrd() {
+    local work=$1 job=$2
+    rm -rf "$work/jobroot"
+    mkdir -p "$work/jobroot"
+    printf '%s\n' "$job" >"$work/jobroot/job.sh"
+    (cd "$work/jobroot" && echo job.sh | cpio -o -H newc -R 0:0 --quiet) >"$work/job.cpio"
+    cat "$work/base.cpio" "$work/job.cpio" >"$work/initrd.cpio"
+}
+
+# board_boot WORKDIR PLUG: boot the board once and wait for it to stop.
+# ttyS1 is streamed through the fifo WORKDIR/out (read it before calling);
+# the job's exit status lands in BOARD_EXIT ("" when the guest never said).
+board_boot() {
+    local work=$1 plug=$2 dut
+    case $plug in
+    none) dut=(-serial null) ;;
+    echo | corrupt=*)
+        local ready=
+        exec {BOARD_PLUG_FD}< <(exec "$BOARD_PLUG" "$work/plug.sock" "$plug")
+        BOARD_PLUG_PID=$!
+        read -r -u "$BOARD_PLUG_FD" ready
+        if [ "$ready" != listening ]; then
+            BOARD_PLUG_PID=''
+            board_die "bad --plug '$plug' (echo, corrupt=N:VALUE or none)"
+        fi
+        dut=(-chardev "socket,id=dut,path=$work/plug.sock" -serial chardev:dut)
+        ;;
+    *) board_die "bad --plug '$plug' (echo, corrupt=N:VALUE or none)" ;;
+    esac
+    local machine
+    case $BOARD_ARCH in
+    x86_64) machine=(-M pc -m 256M -smp 1) ;;
+    armhf) machine=(-M orangepi-pc -m 1G -dtb "$BOARD_DTB") ;;  # the H3 model has exactly 1 GiB
+    esac
+    local append="console=ttyS0 quiet loglevel=3 panic=-1"
+    [ "$BOARD_ARCH" = armhf ] && append+=" maxcpus=1"
+    : >"$work/ctl"
+    # A job that never ends (a lost byte, a hung driver) must not hold CI.
+    local limit=() extra=()
+    [ -n "${BOARD_BOOT_TIMEOUT:-}" ] && limit=(timeout -s TERM "$BOARD_BOOT_TIMEOUT")
+    read -r -a extra <<<"${BOARD_QEMU_EXTRA:-}"
+    # shellcheck disable=SC2034 # read by the commands for their timings
+    BOARD_BOOT_START=$(date +%s.%N)
+    "${limit[@]}" "$BOARD_QEMU" "${machine[@]}" -nodefaults -no-user-config -display none -no-reboot \
+        -kernel "$BOARD_KERNEL" -initrd "$work/initrd.cpio" -append "$append" \
+        -serial "file:$work/console.log" \
+        -chardev "file,id=out,path=$work/out" -serial chardev:out \
+        "${dut[@]}" \
+        -chardev "file,id=ctl,path=$work/ctl" -serial chardev:ctl "${extra[@]}" \
+        </dev/null 2>"$work/qemu.err" &
+    BOARD_QEMU_PID=$!
+    wait "$BOARD_QEMU_PID"
+    BOARD_QEMU_STATUS=$?
+    BOARD_QEMU_PID=
+    BOARD_EXIT=$(sed -n 's/^exit \([0-9][0-9]*\)$/\1/p' "$work/ctl")
+    if [ -n "$BOARD_PLUG_PID" ]; then
+        # With QEMU gone the plug has nobody left to serve (and if QEMU never
+        # connected, it would wait in accept() for ever).
+        kill "$BOARD_PLUG_PID" 2>/dev/null
+        wait "$BOARD_PLUG_PID" 2>/dev/null
+        exec {BOARD_PLUG_FD}<&-
+        BOARD_PLUG_PID=
+    fi
+    if [ -z "$BOARD_EXIT" ]; then
+        board_say "the board stopped without an exit status (QEMU status $BOARD_QEMU_STATUS)"
+        tail -n 5 "$work/qemu.err" >&2
+        board_say "last console lines:"
+        tail -n 20 "$work/console.log" >&2
+    fi
+}
+
+# Temp directory and clean-up shared by the commands.  Only processes this
+# shell started are ended, each by its pid.
+BOARD_WORK=
+BOARD_QEMU_PID=
+BOARD_PLUG_PID=
+BOARD_PIDS=()
+board_cleanup() {
+    local pid
+    for pid in "$BOARD_QEMU_PID" "$BOARD_PLUG_PID" "${BOARD_PIDS[@]}"; do
+        [ -n "$pid" ] && kill "$pid" 2>/dev/null
+    done
+    for pid in "$BOARD_QEMU_PID" "$BOARD_PLUG_PID" "${BOARD_PIDS[@]}"; do
+        [ -n "$pid" ] && wait "$pid" 2>/dev/null
+    done
+    BOARD_QEMU_PID='' BOARD_PLUG_PID='' BOARD_PIDS=()
+    [ -n "$BOARD_WORK" ] && rm -rf "$BOARD_WORK"
+    BOARD_WORK=
+}
+board_interrupted() {
+    trap - INT TERM
+    board_cleanup
+    exit 130
+}
+board_workdir() {
+    BOARD_WORK=$(mktemp -d "${TMPDIR:-/tmp}/board.XXXXXX")
+    trap board_cleanup EXIT
+    trap board_interrupted INT TERM
+    mkfifo "$BOARD_WORK/out"
+}
+
+# board_since START: seconds elapsed since a `date +%s.%N` stamp.
+board_since() {
+    awk -v a="$1" -v b="$(date +%s.%N)" 'BEGIN { printf "%.1f", b - a }'
+}
