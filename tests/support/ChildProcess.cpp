@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 namespace {
 
@@ -27,9 +28,43 @@ bool Drain(int fd, std::string& sink) {
     return count < 0 && errno == EINTR;
 }
 
+#ifdef MEROVANE_TEST_EMULATOR
+// A cross build's programs are target binaries: they run under the emulator
+// that runs the tests. Variables for the dynamic loader (LD_PRELOAD and the
+// like) are meant for the target's loader, so they go to the emulator's
+// guest environment; in the emulator's own environment the host's loader
+// would try to preload a target library into the emulator.
+std::vector<std::string> EmulatedCommand(const std::vector<std::string>& argv,
+                                         std::vector<std::string>& environment) {
+    std::vector<std::string> command{MEROVANE_TEST_EMULATOR};
+    std::vector<std::string> hostEnvironment;
+    for (const auto& entry : environment) {
+        if (entry.rfind("LD_", 0) != 0) {
+            hostEnvironment.push_back(entry);
+        } else if (entry.find(',') != std::string::npos) {
+            // The emulator splits the value of -E at commas.
+            throw std::invalid_argument("loader variable with a comma: " + entry);
+        } else {
+            command.emplace_back("-E");
+            command.push_back(entry);
+        }
+    }
+    environment = std::move(hostEnvironment);
+    command.insert(command.end(), argv.begin(), argv.end());
+    return command;
+}
+#endif
+
 }  // namespace
 
 ChildResult RunChild(const std::vector<std::string>& argv, const ChildOptions& options) {
+#ifdef MEROVANE_TEST_EMULATOR
+    std::vector<std::string> environment = options.environment;
+    const std::vector<std::string> command = EmulatedCommand(argv, environment);
+#else
+    const std::vector<std::string>& environment = options.environment;
+    const std::vector<std::string>& command = argv;
+#endif
     std::array<int, 2> outPipe{};
     std::array<int, 2> errPipe{};
     if (pipe2(outPipe.data(), O_CLOEXEC) != 0 || pipe2(errPipe.data(), O_CLOEXEC) != 0) {
@@ -37,8 +72,8 @@ ChildResult RunChild(const std::vector<std::string>& argv, const ChildOptions& o
     }
 
     std::vector<char*> args;
-    args.reserve(argv.size() + 1);
-    for (const auto& arg : argv) {
+    args.reserve(command.size() + 1);
+    for (const auto& arg : command) {
         args.push_back(const_cast<char*>(arg.c_str()));
     }
     args.push_back(nullptr);
@@ -54,7 +89,7 @@ ChildResult RunChild(const std::vector<std::string>& argv, const ChildOptions& o
         dup2(devNull, STDIN_FILENO);
         dup2(outPipe[1], STDOUT_FILENO);
         dup2(options.mergeStreams ? outPipe[1] : errPipe[1], STDERR_FILENO);
-        for (const auto& entry : options.environment) {
+        for (const auto& entry : environment) {
             putenv(const_cast<char*>(entry.c_str()));
         }
         execv(args[0], args.data());

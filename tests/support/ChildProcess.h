@@ -23,6 +23,8 @@ struct ChildResult {
 };
 
 // Runs argv[0] with the arguments that follow it, with no standard input.
+// In a cross build argv[0] must be a target program: it runs under the
+// emulator that runs the tests.
 ChildResult RunChild(const std::vector<std::string>& argv, const ChildOptions& options = {});
 
 #endif
