@@ -54,12 +54,12 @@ TEST(ReportDriverData, LabelsAndNumberFormats) {
     struct Row {
         const char* name;
         FlowControl flowControl;
-        serial_struct data;
         bool attributesSupported;
+        serial_struct data;
         std::string text;
     };
     const Row rows[] = {
-        {"BoardExample", FlowControl::Hardware, DriverData(1500000, 64, 0x40, 30, 0), true,
+        {"BoardExample", FlowControl::Hardware, true, DriverData(1500000, 64, 0x40, 30, 0),
          "Flowcontrol: Hardware\n"
          "Baud Base:     1500000\n"
          "FIFO Size:     64\n"
@@ -67,36 +67,36 @@ TEST(ReportDriverData, LabelsAndNumberFormats) {
          "IRQ:           30\n"
          "Divisor:       0\n"},
         // Hex must not stick: the values after the flags are decimal again.
-        {"DecimalAfterHex", FlowControl::Software, DriverData(115200, 16, 0x10000040, 12, 10), true,
+        {"DecimalAfterHex", FlowControl::Software, true, DriverData(115200, 16, 0x10000040, 12, 10),
          "Flowcontrol: Software\n"
          "Baud Base:     115200\n"
          "FIFO Size:     16\n"
          "Flags:       0x10000040\n"
          "IRQ:           12\n"
          "Divisor:       10\n"},
-        {"NegativeValues", FlowControl::None, DriverData(-1, -16, -1, -2, -3), true,
+        {"NegativeValues", FlowControl::None, true, DriverData(-1, -16, -1, -2, -3),
          "Flowcontrol: None\n"
          "Baud Base:     -1\n"
          "FIFO Size:     -16\n"
          "Flags:       0xffffffff\n"
          "IRQ:           -2\n"
          "Divisor:       -3\n"},
-        {"ZeroFlagsHaveNoPadding", FlowControl::Hardware, DriverData(0, 0, 0, 0, 0), true,
+        {"ZeroFlagsHaveNoPadding", FlowControl::Hardware, true, DriverData(0, 0, 0, 0, 0),
          "Flowcontrol: Hardware\n"
          "Baud Base:     0\n"
          "FIFO Size:     0\n"
          "Flags:       0x0\n"
          "IRQ:           0\n"
          "Divisor:       0\n"},
-        {"NoThousandsSeparators", FlowControl::Hardware, DriverData(2147483647, 4096, 0, 1000, 0),
-         true,
+        {"NoThousandsSeparators", FlowControl::Hardware, true,
+         DriverData(2147483647, 4096, 0, 1000, 0),
          "Flowcontrol: Hardware\n"
          "Baud Base:     2147483647\n"
          "FIFO Size:     4096\n"
          "Flags:       0x0\n"
          "IRQ:           1000\n"
          "Divisor:       0\n"},
-        {"AttributesNotSupportedIsLast", FlowControl::None, DriverData(115200, 16, 0, 4, 0), false,
+        {"AttributesNotSupportedIsLast", FlowControl::None, false, DriverData(115200, 16, 0, 4, 0),
          "Flowcontrol: None\n"
          "Baud Base:     115200\n"
          "FIFO Size:     16\n"
@@ -104,7 +104,7 @@ TEST(ReportDriverData, LabelsAndNumberFormats) {
          "IRQ:           4\n"
          "Divisor:       0\n"
          "Terminal Attributes are NOT supported!\n"},
-        {"ValueOutsideTheEnumeration", static_cast<FlowControl>(7), DriverData(0, 0, 0, 0, 0), true,
+        {"ValueOutsideTheEnumeration", static_cast<FlowControl>(7), true, DriverData(0, 0, 0, 0, 0),
          "Flowcontrol: Invalid\n"
          "Baud Base:     0\n"
          "FIFO Size:     0\n"

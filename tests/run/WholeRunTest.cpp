@@ -45,9 +45,7 @@ std::string Announcement(const std::string& fileName) {
     return "Writing data from file '" + fileName + "' to serial port.\n\n";
 }
 
-std::string Dots(int count) { return std::string(static_cast<std::size_t>(count), '.'); }
-
-// Bytes that look like a real payload: every value, in a scrambled order.
+// Bytes that look like a real payload: pseudo-random, the same in every run.
 std::string Payload(std::size_t size) {
     std::string bytes(size, '\0');
     std::uint32_t state = 2463534242U;
@@ -144,7 +142,7 @@ std::vector<RunRow> Rows() {
          {"-l", "-f", kFile},
          Payload(30000),
          {},
-         announced + Dots(300) + "\n\nDone.\n",
+         announced + std::string(300, '.') + "\n\nDone.\n",
          "",
          0,
          {kNormalEnd + " written=30000"}},

@@ -85,14 +85,14 @@
 #include <fcntl.h>
 #include <linux/serial.h>
 #include <poll.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <sys/mman.h>
-#include <sys/prctl.h>
-#include <signal.h>
 #include <string.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
 #include <termios.h>
 #include <time.h>
 #include <unistd.h>
@@ -552,8 +552,8 @@ static void ServeFarEnd(int master, pid_t parent) {
             (void)nanosleep(&pause, NULL); /* no slave open: hung up until the next open */
             continue;
         }
-        const int echoing = sim.echo == EchoPlug ||
-                            (sim.echo == EchoLoop && (*sim.sharedModem & TIOCM_LOOP) != 0);
+        const int echoing =
+            sim.echo == EchoPlug || (sim.echo == EchoLoop && (*sim.sharedModem & TIOCM_LOOP) != 0);
         if (echoing) {
             (void)real.write(master, line, (size_t)got);
         }

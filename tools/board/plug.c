@@ -24,8 +24,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-static int ParseMode(const char *mode, unsigned long long *corruptAt,
-                     unsigned char *corruptValue) {
+static int ParseMode(const char* mode, unsigned long long* corruptAt, unsigned char* corruptValue) {
     if (strcmp(mode, "echo") == 0) {
         *corruptAt = 0;
         return 0;
@@ -33,13 +32,13 @@ static int ParseMode(const char *mode, unsigned long long *corruptAt,
     if (strncmp(mode, "corrupt=", 8) != 0) {
         return -1;
     }
-    char *end = NULL;
+    char* end = NULL;
     errno = 0;
     const unsigned long long at = strtoull(mode + 8, &end, 10);
     if (errno != 0 || end == mode + 8 || *end != ':' || at == 0) {
         return -1;
     }
-    const char *valueText = end + 1;
+    const char* valueText = end + 1;
     errno = 0;
     const unsigned long value = strtoul(valueText, &end, 0);
     if (errno != 0 || end == valueText || *end != '\0' || value > 0xff) {
@@ -50,7 +49,7 @@ static int ParseMode(const char *mode, unsigned long long *corruptAt,
     return 0;
 }
 
-static int WriteAll(int fd, const unsigned char *data, size_t length) {
+static int WriteAll(int fd, const unsigned char* data, size_t length) {
     while (length > 0) {
         const ssize_t written = write(fd, data, length);
         if (written < 0) {
@@ -65,8 +64,7 @@ static int WriteAll(int fd, const unsigned char *data, size_t length) {
     return 0;
 }
 
-static int Serve(int listener, unsigned long long corruptAt,
-                 unsigned char corruptValue) {
+static int Serve(int listener, unsigned long long corruptAt, unsigned char corruptValue) {
     int connection;
     do {
         connection = accept(listener, NULL, NULL);
@@ -101,7 +99,7 @@ static int Serve(int listener, unsigned long long corruptAt,
     }
 }
 
-int main(int argc, char *argv[]) {
+int main(int argc, char* argv[]) {
     unsigned long long corruptAt = 0;
     unsigned char corruptValue = 0;
     if (argc != 3 || ParseMode(argv[2], &corruptAt, &corruptValue) != 0) {
@@ -119,8 +117,7 @@ int main(int argc, char *argv[]) {
     strcpy(address.sun_path, argv[1]);
 
     const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
-    if (listener < 0 ||
-        bind(listener, (const struct sockaddr *)&address, sizeof address) != 0 ||
+    if (listener < 0 || bind(listener, (const struct sockaddr*)&address, sizeof address) != 0 ||
         listen(listener, 1) != 0) {
         perror("plug: listen");
         return 1;

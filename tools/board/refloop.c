@@ -31,24 +31,33 @@
 
 static speed_t SpeedOf(long baud) {
     switch (baud) {
-    case 9600: return B9600;
-    case 19200: return B19200;
-    case 38400: return B38400;
-    case 57600: return B57600;
-    case 115200: return B115200;
-    case 230400: return B230400;
-    case 460800: return B460800;
-    case 921600: return B921600;
-    default: return B0;
+        case 9600:
+            return B9600;
+        case 19200:
+            return B19200;
+        case 38400:
+            return B38400;
+        case 57600:
+            return B57600;
+        case 115200:
+            return B115200;
+        case 230400:
+            return B230400;
+        case 460800:
+            return B460800;
+        case 921600:
+            return B921600;
+        default:
+            return B0;
     }
 }
 
-static int Fail(const char *what) {
+static int Fail(const char* what) {
     perror(what);
     return 1;
 }
 
-int main(int argc, char *argv[]) {
+int main(int argc, char* argv[]) {
     if (argc != 4 || SpeedOf(strtol(argv[2], NULL, 10)) == B0) {
         fprintf(stderr, "usage: refloop DEVICE BAUD FILE\n");
         return 2;
@@ -82,7 +91,7 @@ int main(int argc, char *argv[]) {
         return Fail("TIOCMSET");
     }
 
-    FILE *input = fopen(argv[3], "rb");
+    FILE* input = fopen(argv[3], "rb");
     if (input == NULL) {
         return Fail("fopen");
     }
@@ -109,8 +118,7 @@ int main(int argc, char *argv[]) {
             return Fail("read");
         }
         if (got != sent) {
-            fprintf(stderr, "refloop: byte %ld: sent 0x%x, read 0x%x\n",
-                    count + 1, sent, got);
+            fprintf(stderr, "refloop: byte %ld: sent 0x%x, read 0x%x\n", count + 1, sent, got);
             return 1;
         }
         ++count;

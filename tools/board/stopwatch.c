@@ -21,7 +21,7 @@ static long long NowMicroseconds(void) {
     return (long long)now.tv_sec * 1000000 + now.tv_nsec / 1000;
 }
 
-int main(int argc, char *argv[]) {
+int main(int argc, char* argv[]) {
     if (argc < 3) {
         fprintf(stderr, "usage: stopwatch OUTFILE PROG [ARG]...\n");
         return 2;
@@ -44,7 +44,7 @@ int main(int argc, char *argv[]) {
     }
     const long long elapsed = NowMicroseconds() - start;
     const int code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    FILE *out = fopen(argv[1], "w");
+    FILE* out = fopen(argv[1], "w");
     if (out == NULL) {
         perror("stopwatch: fopen");
         return 2;
