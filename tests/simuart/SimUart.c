@@ -1,80 +1,8 @@
 /*
  * SimUart: a simulated 16550-class UART at "/dev/ttyS2", loaded with LD_PRELOAD into the program
  * under test, so that whole runs of the tool can be tested on a machine without the board.
- *
- * The device is a pseudo-terminal created at the first open of "/dev/ttyS2" and kept for the
- * life of the process; every open of "/dev/ttyS2" (open, open64, openat, openat64 and their
- * _FORTIFY_SOURCE forms, with exactly that path) opens its slave side anew, so closing and
- * reopening is real. Calls on other paths and descriptors go straight through, and a real
- * "/dev/ttyS2" on the host is never touched. Like a port of the 8250 driver:
- *   - before its first open it holds the driver's defaults: 9600 baud, 8N1, CREAD, HUPCL,
- *     CLOCAL, ICRNL, IXON, OPOST, ONLCR and the usual cooked local modes;
- *   - its attributes and its modem word outlive a close; the last close drops unread input;
- *   - it keeps the character size, parity and CREAD it is given (a pty alone would force CS8,
- *     CREAD and no parity), and bytes come back cut to the character size;
- *   - CRTSCTS is stored but, as on a pty, never holds data back.
- * The echo is made inside write(): when it returns, the bytes that come back are already waiting,
- * so FIONREAD, poll() and tcflush() (which act on the real pty) agree with it at once.
- *
- * Environment (read once, when the library is loaded; a malformed value makes the process
- * print "simuart: ..." on standard error and exit with status 125):
- *
- *   SIMUART_ECHO=loop|plug|none  Where written bytes come back. loop (default): only while
- *                                TIOCM_LOOP is set in the modem word (the UART's internal
- *                                loop-back); plug: always (a loop-back connector on the line);
- *                                none: never (nothing on the line; a read then blocks for ever).
- *   SIMUART_SERIAL=B,F,FLAGS,IRQ,DIV | reject
- *                                What TIOCGSERIAL reports: baud_base, xmit_fifo_size, flags,
- *                                irq, custom_divisor (decimal, 0x hex or negative; flags may be
- *                                given as 0xffffffff). Default 115200,16,0x10000040,4,0: the
- *                                8250 driver's ttyS2 of a PC, a 16550A with a 16-byte FIFO.
- *                                reject: TIOCGSERIAL fails with ENOTTY.
- *   SIMUART_MODEM=WORD | reject  Initial modem word (default 0x166: DTR, RTS, CTS, DSR, CD).
- *                                TIOCMSET/TIOCMBIS/TIOCMBIC change only the output lines (DTR,
- *                                RTS, OUT1, OUT2, LOOP); the word survives close and reopen.
- *                                reject: TIOCMGET, TIOCMSET, TIOCMBIS, TIOCMBIC fail with EINVAL.
- *   SIMUART_CORRUPT=N:VALUE      The Nth byte that comes back in the process (counted from 1)
- *                                is VALUE instead (0 to 255, decimal or 0x hex).
- *   SIMUART_EINTR=K, SIMUART_EAGAIN=K
- *                                Every read and every write on the device first fails K times
- *                                with EINTR, then K times with EAGAIN, before the real call.
- *   SIMUART_READ_FAULT=N:eof|eio The Nth read on the device in the process that gets past those
- *                                failures returns 0, or -1 with EIO, and consumes nothing.
- *   SIMUART_CS7=1                tcgetattr reports CS7 in the CSIZE bits whatever was set, so
- *                                bytes come back with their top bit cleared.
- *   SIMUART_MISSING=1            open of "/dev/ttyS2" fails with ENOENT.
- *   SIMUART_FAR_END=inline|process
- *                                inline (default): the echo is made inside write(), as above.
- *                                process: a child process holds the line's far end and echoes
- *                                (honouring SIMUART_ECHO only), as on a real line; the program's
- *                                own thread then makes no system call beyond its own, so they
- *                                can be counted (used by the benchmark). echoed= stays 0.
- *   SIMUART_LOG=PATH             One line per device event is appended to PATH, each with a
- *                                single write(2) as it happens, so no line is lost to exit(),
- *                                _exit() or a kill.
- *
- * Log lines (FD is a descriptor number, HEX lower-case hexadecimal without leading zeros):
- *   open fd=FD
- *   open failed ERRNO                      ERRNO as a name, e.g. ENOENT
- *   tcsetattr ACTION CLASS ospeed=BAUD ispeed=BAUD csN parity=P stop=S flow=F
- *   tcsetattr ACTION CLASS ... failed ERRNO
- *       ACTION: TCSANOW, TCSADRAIN or TCSAFLUSH. CLASS: initial (the record equals the
- *       attributes the device held before its first open), raw (no canonical input, echo,
- *       signals or output processing) or cooked. BAUD: a baud number (0 for B0 or unknown).
- *       N: 5 to 8. P: none, even or odd. S: 1 or 2. F: rtscts, xonxoff, rtscts+xonxoff or none.
- *   modem set 0xHEX loop=on|off            after every successful TIOCMSET/TIOCMBIS/TIOCMBIC
- *   modem rejected                         a modem ioctl failed because of SIMUART_MODEM=reject
- *   tiocgserial                            TIOCGSERIAL answered
- *   tiocgserial rejected
- *   read fault eof|eio
- *   close fd=FD attrs=initial|changed loop=on|off
- *       the device just before the descriptor closes; attrs=initial when its attributes equal
- *       those it held before its first open
- *   exit opened=N closed=N attrs=initial|changed loop=on|off written=N read=N echoed=N
- *       from the library's destructor, in a process that tried to open the device: runs on
- *       exit() and a return from main, not on _exit() or a fatal signal. attrs and loop
- *       describe the device at that moment; written and read count bytes that went through
- *       the device, echoed those that came back.
+ * README.md beside this file describes how the device behaves, the SIMUART_ environment
+ * variables that configure it and the log lines a test can assert on.
  */
 
 #define _GNU_SOURCE
