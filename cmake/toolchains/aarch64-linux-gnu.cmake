@@ -1,23 +1,6 @@
 # Cross build for 64-bit ARM boards with Debian's g++-aarch64-linux-gnu.
-# Test programs run under qemu-user, which finds the target's dynamic loader
-# and libraries below the -L prefix.
-
-set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
-
 set(MEROVANE_TARGET_TRIPLET aarch64-linux-gnu)
-set(CMAKE_C_COMPILER ${MEROVANE_TARGET_TRIPLET}-gcc)
-set(CMAKE_CXX_COMPILER ${MEROVANE_TARGET_TRIPLET}-g++)
-
-# Headers and libraries come from the target's tree only; build tools
-# (gzip, qemu) are the host's.
-set(CMAKE_FIND_ROOT_PATH /usr/${MEROVANE_TARGET_TRIPLET})
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
-
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64 -L /usr/${MEROVANE_TARGET_TRIPLET})
-
-# Debian's name for the architecture, which differs from the triplet's.
+set(MEROVANE_QEMU qemu-aarch64)
 set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE arm64)
+include(${CMAKE_CURRENT_LIST_DIR}/DebianCross.cmake)
