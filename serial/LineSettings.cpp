@@ -132,10 +132,15 @@ void SerialPort::SetPortSettings(const termios& settings, const std::string& con
     }
 }
 
-void SerialPort::SetBaudRate(speed_t newBaudRate) {
+termios SerialPort::CurrentSettings() const {
     CheckOpen();
     termios record{};
     GetPortSettings(record);
+    return record;
+}
+
+void SerialPort::SetBaudRate(speed_t newBaudRate) {
+    termios record = CurrentSettings();
     line_settings::ApplyBaudRate(record, newBaudRate);
     SetPortSettings(record, "Unsupported baud rate.");
     baudRate = newBaudRate;
@@ -149,67 +154,43 @@ speed_t SerialPort::GetBaudRate() const {
 }
 
 void SerialPort::SetCharSize(CharSize newCharSize) {
-    CheckOpen();
-    termios record{};
-    GetPortSettings(record);
+    termios record = CurrentSettings();
     line_settings::ApplyCharSize(record, newCharSize);
     SetPortSettings(record, "Invalid character size setting.");
     charSize = newCharSize;
 }
 
-CharSize SerialPort::GetCharSize() const {
-    CheckOpen();
-    termios record{};
-    GetPortSettings(record);
-    return line_settings::CharSizeOf(record);
-}
+CharSize SerialPort::GetCharSize() const { return line_settings::CharSizeOf(CurrentSettings()); }
 
 void SerialPort::SetParity(Parity newParity) {
-    CheckOpen();
-    termios record{};
-    GetPortSettings(record);
+    termios record = CurrentSettings();
     line_settings::ApplyParity(record, newParity);
     SetPortSettings(record, "Invalid parity setting.");
     parity = newParity;
 }
 
-Parity SerialPort::GetParity() const {
-    CheckOpen();
-    termios record{};
-    GetPortSettings(record);
-    return line_settings::ParityOf(record);
-}
+Parity SerialPort::GetParity() const { return line_settings::ParityOf(CurrentSettings()); }
 
 void SerialPort::SetNumOfStopBits(StopBits newNumOfStopBits) {
-    CheckOpen();
-    termios record{};
-    GetPortSettings(record);
+    termios record = CurrentSettings();
     line_settings::ApplyStopBits(record, newNumOfStopBits);
     SetPortSettings(record, "Invalid number of stop bits.");
     numOfStopBits = newNumOfStopBits;
 }
 
 StopBits SerialPort::GetNumOfStopBits() const {
-    CheckOpen();
-    termios record{};
-    GetPortSettings(record);
-    return line_settings::StopBitsOf(record);
+    return line_settings::StopBitsOf(CurrentSettings());
 }
 
 void SerialPort::SetFlowControl(FlowControl newFlowControl) {
-    CheckOpen();
-    termios record{};
-    GetPortSettings(record);
+    termios record = CurrentSettings();
     line_settings::ApplyFlowControl(record, newFlowControl);
     SetPortSettings(record, "Invalid flow control.");
     flowControl = newFlowControl;
 }
 
 FlowControl SerialPort::GetFlowControl() const {
-    CheckOpen();
-    termios record{};
-    GetPortSettings(record);
-    return line_settings::FlowControlOf(record);
+    return line_settings::FlowControlOf(CurrentSettings());
 }
 
 void SerialPort::Open(speed_t newBaudRate, CharSize newCharSize, Parity newParity,

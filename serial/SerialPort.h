@@ -92,6 +92,8 @@ class SerialPort {
     friend std::string PrintPortReport(SerialPort& port);
 
     void CheckOpen() const;
+    // The device's record as a setting reads and changes it; open ports only.
+    termios CurrentSettings() const;
     void ReleaseDescriptor() noexcept;
     void CloseWithoutThrowing() noexcept;
 
