@@ -93,7 +93,7 @@ class SerialPort {
 
     void CheckOpen() const;
     // The device's record as a setting reads and changes it; open ports only.
-    termios CurrentSettings() const;
+    [[nodiscard]] termios CurrentSettings() const;
     void ReleaseDescriptor() noexcept;
     void CloseWithoutThrowing() noexcept;
 
