@@ -52,7 +52,7 @@ elseif(CMAKE_CROSSCOMPILING)
     # dpkg-shlibdeps knows the host architecture's libraries only; for the
     # cross toolchains' runtime it would name the -cross packages. Every
     # program linked against glibc 2.34 or later needs 2.34 (the new
-    # __libc_start_main), and tools/cross-test checks that the binary needs
+    # __libc_start_main), and tests/cross checks that the binary needs
     # no newer glibc symbol. libstdc++ at the toolchain's own version, whose
     # symbols the binary may use.
     set(CPACK_DEBIAN_PACKAGE_DEPENDS "libc6 (>= 2.34), libgcc-s1, libstdc++6 (>= 12)")

@@ -1,5 +1,5 @@
-# Emulated board: shared host side of tools/board-run, tools/board/ci-test and
-# tools/board/bench.  Sourced, not run.
+# Emulated board: shared host side of tools/board-run, tests/board/ci-test and
+# bench/board.  Sourced, not run.
 #
 # The board is a QEMU machine whose Linux kernel drives an emulated 16550 with
 # its real serial driver.  Everything it needs comes from Debian packages:
@@ -227,7 +227,11 @@ board_build_tool() {
     [ -x "$BOARD_TOOL" ] || board_die "no Merovane binary in $BOARD_BUILD"
 }
 
-# board_build_helpers: the host plug and the static guest helpers.
+# Extra programs for the guest's /usr/bin: C sources, each built static for
+# the board (the benchmark's reference loop and stopwatch, say).
+BOARD_GUEST_PROGRAMS=()
+
+# board_build_helpers: the host plug and the static guest programs.
 board_build_helpers() {
     local host=$BOARD_ROOT/build/board-host out=$BOARD_BUILD/helpers
     mkdir -p "$host" "$out"
@@ -236,11 +240,12 @@ board_build_helpers() {
             -o "$host/plug" "$BOARD_DIR/plug.c" || exit 2
     fi
     BOARD_PLUG=$host/plug
-    local name
-    for name in refloop stopwatch; do
-        if [ ! -x "$out/$name" ] || [ "$BOARD_DIR/$name.c" -nt "$out/$name" ]; then
+    local source name
+    for source in "${BOARD_GUEST_PROGRAMS[@]}"; do
+        name=$(basename "$source" .c)
+        if [ ! -x "$out/$name" ] || [ "$source" -nt "$out/$name" ]; then
             board_log_run "$out/build.log" "$BOARD_CC" -std=c11 -O2 -Wall -Wextra -Werror \
-                -static -o "$out/$name" "$BOARD_DIR/$name.c" || exit 2
+                -static -o "$out/$name" "$source" || exit 2
         fi
     done
     BOARD_HELPERS=$out
@@ -299,7 +304,10 @@ board_pack() {
     mkdir -p "$stage"/{bin,sbin,usr/bin,usr/sbin,lib,dev,proc,sys,tmp}
     cp "$BOARD_BUSYBOX" "$stage/bin/busybox"
     cp "$BOARD_TOOL" "$stage/usr/bin/Merovane"
-    cp "$BOARD_HELPERS/refloop" "$BOARD_HELPERS/stopwatch" "$stage/usr/bin/"
+    local source
+    for source in "${BOARD_GUEST_PROGRAMS[@]}"; do
+        cp "$BOARD_HELPERS/$(basename "$source" .c)" "$stage/usr/bin/"
+    done
     install -m 755 "$BOARD_DIR/guest/init" "$stage/init"
     cp "$BOARD_DIR/guest/board.sh" "$stage/lib/board.sh"
     board_make_samples "$stage/samples"
