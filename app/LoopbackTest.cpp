@@ -60,6 +60,8 @@ std::uint8_t FitToCharSize(SerialPort& port, std::uint8_t byte) {
     std::exit(0);
 }
 
+}  // namespace
+
 void SendFile(SerialPort& port, std::istream& input) {
     // 64 bits: an endless input at 3 Mbaud would need millennia to wrap it.
     std::uint64_t matchedCount = 0;
@@ -80,8 +82,6 @@ void SendFile(SerialPort& port, std::istream& input) {
         }
     }
 }
-
-}  // namespace
 
 int RunLoopbackTest(const RunSettings& settings) {
     try {
