@@ -5,6 +5,9 @@
  *
  * Usage: Measure COMMAND [ARG...]
  */
+/* wait4() and clock_gettime() are hidden by a strict -std=c11. */
+#define _DEFAULT_SOURCE /* NOLINT(bugprone-reserved-identifier) */
+
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/resource.h>

@@ -1,13 +1,14 @@
 /*
- * Reference byte loop for the board benchmark.
+ * Reference byte loop for the benchmarks (bench/sim, bench/board).
  *
  * The least a program can do to run the same exchange as Merovane: per byte
  * one buffered read from the input file (getc), one tcgetattr (Merovane asks
  * the port for its character size before every byte), one write and one read
  * of a single byte on the device.  The port is set up the same way: raw,
- * 8N1, RTS/CTS, internal loop-back on.  The bench times this program and
- * Merovane over the same input in the same VM; the ratio tells what the
- * tool's own layers cost on top of the driver.
+ * 8N1, RTS/CTS, internal loop-back on.  The benchmarks time this program and
+ * Merovane over the same input on the same line (an emulated board's UART,
+ * or bench/ttys2.c's stand-in); the ratio tells what the tool's own layers
+ * cost on top of the driver.
  *
  *   refloop DEVICE BAUD FILE
  *

@@ -8,7 +8,7 @@
  * Runs PROG with the caller's descriptors and writes "MICROSECONDS STATUS"
  * to OUTFILE; exits with PROG's exit status.
  */
-#define _POSIX_C_SOURCE 200809L
+#define _POSIX_C_SOURCE 200809L /* NOLINT(bugprone-reserved-identifier) */
 
 #include <stdio.h>
 #include <sys/wait.h>

@@ -28,21 +28,18 @@ std::optional<long> Scripted(const char* function, int fd, size_t* count = nullp
     auto& queue = uart->script[function];
     const long outcome = queue.empty() ? 1L << 30 : queue.front();
     if (!queue.empty()) {
-        queue.pop();
+        queue.pop_front();
     }
     if (outcome > 0 && count != nullptr) {
         *count = std::min(*count, static_cast<size_t>(outcome));
     }
-    if (outcome > 0) {
-        return std::nullopt;
-    }
     errno = outcome < 0 ? static_cast<int>(-outcome) : errno;
-    return outcome < 0 ? -1 : 0;
+    return outcome > 0 ? std::nullopt : std::optional<long>(outcome < 0 ? -1 : 0);
 }
 
 }  // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names for them.
+// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names.
 extern "C" {
 int __real_open(const char* path, int flags, ...);
 int __real_close(int fd);
@@ -52,6 +49,7 @@ int __real_poll(pollfd* fds, nfds_t count, int timeout);
 int __real_ioctl(int fd, unsigned long request, ...);
 int __real_tcgetattr(int fd, termios* record);
 int __real_tcsetattr(int fd, int when, const termios* record);
+int __real_tcflush(int fd, int queue);
 
 int __wrap_open(const char* path, int flags, ...) {
     const int fd = __real_open(path, flags);  // the port passes no mode
@@ -75,9 +73,8 @@ ssize_t __wrap_read(int fd, void* buffer, size_t count) {
     if (const auto result = Scripted("read", fd, &count)) {
         return *result;
     }
-    if (OnPort(fd) && uart->echo && !uart->line.empty()) {
-        *static_cast<char*>(buffer) = uart->line.front();
-        uart->line.erase(0, 1);
+    if (OnPort(fd) && uart->echoed < uart->line.size()) {
+        *static_cast<char*>(buffer) = uart->line[uart->echoed++];
         return 1;
     }
     return __real_read(fd, buffer, count);
@@ -115,6 +112,11 @@ int __wrap_tcsetattr(int fd, int when, const termios* record) {
     return result ? static_cast<int>(*result) : __real_tcsetattr(fd, when, record);
 }
 
+int __wrap_tcflush(int fd, int queue) {
+    const auto result = Scripted("tcflush", fd);
+    return result ? static_cast<int>(*result) : __real_tcflush(fd, queue);
+}
+
 int __wrap_ioctl(int fd, unsigned long request, ...) {
     va_list arguments;
     va_start(arguments, request);
@@ -123,11 +125,11 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
     if (const auto result = Scripted(request == TIOCMSET ? "TIOCMSET" : "ioctl", fd)) {
         return static_cast<int>(*result);
     }
-    if (OnPort(fd) && uart->modemLines && request == TIOCMGET) {
+    if (OnPort(fd) && request == TIOCMGET) {
         *static_cast<int*>(argument) = uart->modemWord;
-    } else if (OnPort(fd) && uart->modemLines && request == TIOCMSET) {
+    } else if (OnPort(fd) && request == TIOCMSET) {
         uart->modemWord = *static_cast<const int*>(argument);
-    } else if (OnPort(fd) && uart->modemLines && request == TIOCGSERIAL) {
+    } else if (OnPort(fd) && request == TIOCGSERIAL) {
         *static_cast<serial_struct*>(argument) = uart->driverData;
     } else {
         return __real_ioctl(fd, request, argument);
@@ -135,9 +137,9 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
     return 0;
 }
 }
-// NOLINTEND(bugprone-reserved-identifier)
+// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
-PtyUart::PtyUart(bool modemLines) : modemLines(modemLines) {
+PtyUart::PtyUart() {
     std::array<char, 128> name{};
     if (openpty(&master, &slave, name.data(), nullptr, nullptr) != 0) {
         throw std::system_error(errno, std::system_category(), "openpty");
@@ -152,12 +154,6 @@ PtyUart::~PtyUart() {
     close(master);
 }
 
-void PtyUart::Script(const std::string& function, const std::vector<long>& outcomes) {
-    for (const long outcome : outcomes) {
-        script[function].push(outcome);
-    }
-}
-
 termios PtyUart::Attributes() const {
     termios record{};
     tcgetattr(slave, &record);
@@ -166,12 +162,8 @@ termios PtyUart::Attributes() const {
 
 void PtyUart::Send(const std::string& bytes) const {
     (void)write(master, bytes.data(), bytes.size());
-    // The pty moves them to the slave's queue a moment later.
-    int waiting = 0;
-    for (int tries = 0; tries < 1000 && waiting < static_cast<int>(bytes.size()); ++tries) {
-        usleep(1000);
-        ioctl(slave, FIONREAD, &waiting);
-    }
+    pollfd entry{slave, POLLIN, 0};
+    (void)poll(&entry, 1, 1000);  // the pty hands them on a moment later
 }
 
 std::string PtyUart::Received() const {

@@ -6,32 +6,23 @@
 #include <termios.h>
 
 #include <cstring>
+#include <deque>
 #include <exception>
 #include <map>
-#include <ostream>
-#include <queue>
 #include <string>
 #include <system_error>
-#include <utility>
 #include <vector>
 
-// A pseudo-terminal in the place of the UART. Its termios, reads, writes and
-// flushes are a real tty's; what a pty lacks (modem lines, the serial
-// driver's data, failures on demand) comes from wrapping the C library calls
-// of the serial code (-Wl,--wrap, PtyUart.cpp). Only calls on the descriptor
-// that the port opened on the pty are touched.
+// A pseudo-terminal in the place of the UART: termios, reads, writes and
+// flushes are a real tty's. What a pty lacks (modem lines, the driver's data,
+// failures on demand) comes from wrapping the serial code's C library calls
+// (-Wl,--wrap, PtyUart.cpp), on the descriptor the port opened on the pty.
 struct PtyUart {
-    // modemLines: TIOCMGET/TIOCMSET work on modemWord and TIOCGSERIAL gives
-    // driverData, as on a UART; otherwise the pty's own ENOTTY.
-    explicit PtyUart(bool modemLines = true);
+    PtyUart();
     ~PtyUart();
     PtyUart(const PtyUart&) = delete;
     PtyUart& operator=(const PtyUart&) = delete;
 
-    // What the next calls of a function on the port do, in turn: -errno fails
-    // with that errno; 0 returns 0 and does nothing; n > 0 goes through,
-    // reading or writing at most n bytes.
-    void Script(const std::string& function, const std::vector<long>& outcomes);
     [[nodiscard]] termios Attributes() const;
     void Send(const std::string& bytes) const;  // from the far end
     [[nodiscard]] std::string Received() const;
@@ -40,13 +31,16 @@ struct PtyUart {
     int master = -1;
     int slave = -1;  // keeps the pty, and its attributes, between opens
     int port = -1;
-    bool modemLines;
-    int modemWord = TIOCM_DTR | TIOCM_RTS;
-    serial_struct driverData{};
-    tcflag_t charSize = 0;  // non-zero: tcgetattr reports these CSIZE bits
-    bool echo = false;      // a far end that returns each byte at once
-    std::string line;       // what it is to return
-    std::map<std::string, std::queue<long>> script;
+    int modemWord = TIOCM_DTR | TIOCM_RTS;  // what TIOCMGET and TIOCMSET work on
+    serial_struct driverData{};             // what TIOCGSERIAL gives
+    tcflag_t charSize = 0;                  // non-zero: tcgetattr reports these CSIZE bits
+    bool echo = false;                      // a far end that returns each byte at once:
+    std::string line;                       // what the port wrote,
+    size_t echoed = 0;                      // and how much of it came back
+    // What the next calls of a function on the port do, in turn: -errno fails
+    // with that errno; 0 returns 0 and does nothing; n > 0 goes through,
+    // reading or writing at most n bytes.
+    std::map<std::string, std::deque<long>> script;
     std::map<std::string, int> calls;  // on the port, by function
     std::vector<termios> applied;      // every record the port set
 };
@@ -68,13 +62,5 @@ std::string Thrown(Call call) {
 }
 
 int OpenDescriptors();
-
-// Table rows show as their names.
-namespace {
-template <typename Row, typename = decltype(std::declval<const Row&>().name)>
-std::ostream& operator<<(std::ostream& out, const Row& row) {
-    return out << row.name;
-}
-}  // namespace
 
 #endif

@@ -301,7 +301,7 @@ board_make_samples() {
 board_pack() {
     local work=$1 stage=$1/root
     rm -rf "$stage"
-    mkdir -p "$stage"/{bin,sbin,usr/bin,usr/sbin,lib,dev,proc,sys,tmp}
+    mkdir -p "$stage"/{bin,sbin,usr/bin,usr/sbin,dev,proc,sys,tmp}
     cp "$BOARD_BUSYBOX" "$stage/bin/busybox"
     cp "$BOARD_TOOL" "$stage/usr/bin/Merovane"
     local source
@@ -309,7 +309,6 @@ board_pack() {
         cp "$BOARD_HELPERS/$(basename "$source" .c)" "$stage/usr/bin/"
     done
     install -m 755 "$BOARD_DIR/guest/init" "$stage/init"
-    cp "$BOARD_DIR/guest/board.sh" "$stage/lib/board.sh"
     board_make_samples "$stage/samples"
     local file
     for file in "${BOARD_PUT[@]}"; do
@@ -339,6 +338,8 @@ board_initrd() {
     cat "$work/base.cpio" "$work/job.cpio" >"$work/initrd.cpio"
 }
 
+BOARD_PLUG_RULES="none, or echo, corrupt=N:VALUE, change=A:B, drop=A joined by commas"
+
 # board_boot WORKDIR PLUG: boot the board once and wait for it to stop.
 # ttyS1 is streamed through the fifo WORKDIR/out (read it before calling);
 # the job's exit status lands in BOARD_EXIT ("" when the guest never said).
@@ -346,18 +347,18 @@ board_boot() {
     local work=$1 plug=$2 dut
     case $plug in
     none) dut=(-serial null) ;;
-    echo | corrupt=*)
+    *)
+        # The plug judges its own rules: it says "listening" only to good ones.
         local ready=
         exec {BOARD_PLUG_FD}< <(exec "$BOARD_PLUG" "$work/plug.sock" "$plug")
         BOARD_PLUG_PID=$!
         read -r -u "$BOARD_PLUG_FD" ready
         if [ "$ready" != listening ]; then
             BOARD_PLUG_PID=''
-            board_die "bad --plug '$plug' (echo, corrupt=N:VALUE or none)"
+            board_die "bad --plug '$plug' ($BOARD_PLUG_RULES)"
         fi
         dut=(-chardev "socket,id=dut,path=$work/plug.sock" -serial chardev:dut)
         ;;
-    *) board_die "bad --plug '$plug' (echo, corrupt=N:VALUE or none)" ;;
     esac
     local machine
     case $BOARD_ARCH in
