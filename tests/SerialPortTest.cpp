@@ -67,6 +67,7 @@ TEST(SerialPort, OpensRawAndClosesBackToWhatItFound) {
     EXPECT_EQ(raw.c_iflag | raw.c_oflag | raw.c_lflag, 0U);
     EXPECT_EQ(raw.c_cc[VMIN] * 10 + raw.c_cc[VTIME], 10);
     port.SetLoopback(true);
+    EXPECT_EQ(uart.modemWord, TIOCM_DTR | TIOCM_RTS | kLoop);
     errno = EDOM;
     EXPECT_EQ(Thrown([&] { port.Open(); }), "Serial port already open." + kEdom);
     EXPECT_EQ(Thrown([&] {
@@ -96,6 +97,7 @@ TEST(SerialPort, WithoutTerminalAttributesHandsOutNothingThatWaited) {
     port.Open(B57600, CharSize::Bits7, Parity::Odd, StopBits::Two, FlowControl::Hardware);
     EXPECT_EQ(port.GetBaudRate() + static_cast<speed_t>(port.GetCharSize()), 0U);
     EXPECT_EQ(port.GetFlowControl(), FlowControl::None);
+    EXPECT_EQ(port.GetParity(), Parity::None);
     port.Close();
     EXPECT_TRUE(uart.applied.empty());
 }
