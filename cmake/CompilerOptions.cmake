@@ -13,6 +13,9 @@ endif()
 
 function(merovane_target_defaults target)
     target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic)
+    # Binds every symbol at start, so that the loader can make the whole GOT
+    # read-only (full RELRO) for a tool that often runs as root.
+    target_link_options(${target} PRIVATE LINKER:-z,now)
     if(MEROVANE_WERROR)
         target_compile_options(${target} PRIVATE -Werror)
     endif()

@@ -340,6 +340,32 @@ board_initrd() {
 
 BOARD_PLUG_RULES="none, or echo, corrupt=N:VALUE, change=A:B, drop=A joined by commas"
 
+# board_plug WORKDIR RULES: the plug listening on WORKDIR/plug.sock, for a
+# QEMU to connect ttyS2 to.  The plug judges its own rules: it says
+# "listening" only to good ones.
+board_plug() {
+    local ready=
+    rm -f "$1/plug.sock"
+    exec {BOARD_PLUG_FD}< <(exec "$BOARD_PLUG" "$1/plug.sock" "$2")
+    BOARD_PLUG_PID=$!
+    read -r -u "$BOARD_PLUG_FD" ready
+    if [ "$ready" != listening ]; then
+        BOARD_PLUG_PID=''
+        board_die "bad --plug '$2' ($BOARD_PLUG_RULES)"
+    fi
+}
+
+# board_unplug: once QEMU is gone the plug has nobody left to serve (and if
+# QEMU never connected, it would wait in accept() for ever).
+board_unplug() {
+    if [ -n "$BOARD_PLUG_PID" ]; then
+        kill "$BOARD_PLUG_PID" 2>/dev/null
+        wait "$BOARD_PLUG_PID" 2>/dev/null
+        exec {BOARD_PLUG_FD}<&-
+        BOARD_PLUG_PID=
+    fi
+}
+
 # board_boot WORKDIR PLUG: boot the board once and wait for it to stop.
 # ttyS1 is streamed through the fifo WORKDIR/out (read it before calling);
 # the job's exit status lands in BOARD_EXIT ("" when the guest never said).
@@ -348,15 +374,7 @@ board_boot() {
     case $plug in
     none) dut=(-serial null) ;;
     *)
-        # The plug judges its own rules: it says "listening" only to good ones.
-        local ready=
-        exec {BOARD_PLUG_FD}< <(exec "$BOARD_PLUG" "$work/plug.sock" "$plug")
-        BOARD_PLUG_PID=$!
-        read -r -u "$BOARD_PLUG_FD" ready
-        if [ "$ready" != listening ]; then
-            BOARD_PLUG_PID=''
-            board_die "bad --plug '$plug' ($BOARD_PLUG_RULES)"
-        fi
+        board_plug "$work" "$plug"
         dut=(-chardev "socket,id=dut,path=$work/plug.sock" -serial chardev:dut)
         ;;
     esac
@@ -386,14 +404,7 @@ board_boot() {
     BOARD_QEMU_STATUS=$?
     BOARD_QEMU_PID=
     BOARD_EXIT=$(sed -n 's/^exit \([0-9][0-9]*\)$/\1/p' "$work/ctl")
-    if [ -n "$BOARD_PLUG_PID" ]; then
-        # With QEMU gone the plug has nobody left to serve (and if QEMU never
-        # connected, it would wait in accept() for ever).
-        kill "$BOARD_PLUG_PID" 2>/dev/null
-        wait "$BOARD_PLUG_PID" 2>/dev/null
-        exec {BOARD_PLUG_FD}<&-
-        BOARD_PLUG_PID=
-    fi
+    board_unplug
     if [ -z "$BOARD_EXIT" ]; then
         board_say "the board stopped without an exit status (QEMU status $BOARD_QEMU_STATUS)"
         tail -n 5 "$work/qemu.err" >&2
