@@ -1,7 +1,7 @@
 #include "app/CommandLine.h"
-#include "app/LoopbackTest.h"
+#include "app/LoopbackRun.h"
 
 int main(int argc, char* argv[]) {
     const RunSettings settings = ReadCommandLine(argc, argv);
-    return RunLoopbackTest(settings);
+    return RunLoopback(settings);
 }

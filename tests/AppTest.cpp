@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "PtyUart.h"
-#include "app/LoopbackTest.h"
+#include "app/LoopbackRun.h"
 #include "serial/SerialPort.h"
 
 namespace {

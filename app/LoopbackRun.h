@@ -1,5 +1,5 @@
-#ifndef MEROVANE_APP_LOOPBACKTEST_H
-#define MEROVANE_APP_LOOPBACKTEST_H
+#ifndef MEROVANE_APP_LOOPBACKRUN_H
+#define MEROVANE_APP_LOOPBACKRUN_H
 
 #include <istream>
 
@@ -11,7 +11,7 @@
 // A byte that comes back different, and the single byte of the 0x55 mode,
 // end the process at once with status 0, leaving the port as the test set it
 // so that it can be examined afterwards.
-int RunLoopbackTest(const RunSettings& settings);
+int RunLoopback(const RunSettings& settings);
 
 // The byte loop of file mode: sends the bytes of input one at a time and
 // reads each back, printing a dot for every 100 that match and a line end

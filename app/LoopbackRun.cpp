@@ -1,4 +1,4 @@
-#include "app/LoopbackTest.h"
+#include "app/LoopbackRun.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -83,7 +83,7 @@ void SendFile(SerialPort& port, std::istream& input) {
     }
 }
 
-int RunLoopbackTest(const RunSettings& settings) {
+int RunLoopback(const RunSettings& settings) {
     try {
         const std::string inputFileName = settings.inputFileName;
 
