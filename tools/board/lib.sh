@@ -2,10 +2,11 @@
 # bench/board.  Sourced, not run.
 #
 # The board is a QEMU machine whose Linux kernel drives an emulated 16550 with
-# its real serial driver.  Everything it needs comes from Debian packages:
-# QEMU and cpio are installed on the host; the kernel and a static busybox
-# are downloaded as .deb files and unpacked into build/board-cache, so the
-# host's own busybox and kernel packages are never touched.
+# its real serial driver.  Everything it needs comes from Debian packages,
+# all fetched by tools/setup before any work starts: QEMU and cpio are
+# installed on the host; the kernel and a static busybox are downloaded as
+# .deb files and unpacked into build/board-cache, so the host's own busybox
+# and kernel packages are never touched.
 
 BOARD_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 BOARD_DIR=$BOARD_ROOT/tools/board
@@ -13,7 +14,6 @@ BOARD_CACHE=$BOARD_ROOT/build/board-cache
 BOARD_VERBOSE=${BOARD_VERBOSE:-0}
 BOARD_PUT=()
 BOARD_BOOT_START=
-BOARD_APT_UPDATED=0
 
 board_say() { printf 'board: %s\n' "$*" >&2; }
 board_info() { if [ "$BOARD_VERBOSE" = 1 ]; then board_say "$@"; fi; }
@@ -35,19 +35,6 @@ board_log_run() {
 
 board_is_root() { [ "$(id -u)" = 0 ]; }
 
-board_apt_update() {
-    if [ "$BOARD_APT_UPDATED" = 0 ]; then
-        board_say "apt-get update"
-        # A mirror caught mid-sync fails one index but leaves the others
-        # fresh; the install that follows says whether that was enough.
-        if ! apt-get -o DPkg::Lock::Timeout=300 update >"$BOARD_CACHE/apt-update.log" 2>&1; then
-            grep '^E:' "$BOARD_CACHE/apt-update.log" >&2
-            board_say "apt-get update reported errors; going on with the lists it has"
-        fi
-        BOARD_APT_UPDATED=1
-    fi
-}
-
 # board_arch ARCH: everything that differs between the two boards.
 board_arch() {
     BOARD_ARCH=$1
@@ -57,8 +44,8 @@ board_arch() {
         BOARD_QEMU=qemu-system-x86_64
         BOARD_KERNEL_META=linux-image-cloud-amd64
         BOARD_CC=gcc
-        # command:package pairs needed on the host
-        BOARD_HOST_NEEDS="qemu-system-x86_64:qemu-system-x86 cpio:cpio gcc:gcc g++:g++ cmake:cmake"
+        # host packages besides the build tools (tools/setup installs them)
+        BOARD_PACKAGES="qemu-system-x86 cpio"
         BOARD_CMAKE_CROSS=()
         ;;
     armhf)
@@ -66,9 +53,7 @@ board_arch() {
         BOARD_QEMU=qemu-system-arm
         BOARD_KERNEL_META=linux-image-armmp
         BOARD_CC=arm-linux-gnueabihf-gcc
-        BOARD_HOST_NEEDS="qemu-system-arm:qemu-system-arm cpio:cpio gcc:gcc cmake:cmake
-            arm-linux-gnueabihf-gcc:gcc-arm-linux-gnueabihf
-            arm-linux-gnueabihf-g++:g++-arm-linux-gnueabihf fdtput:device-tree-compiler"
+        BOARD_PACKAGES="qemu-system-arm cpio g++-arm-linux-gnueabihf device-tree-compiler"
         if [ -f "$BOARD_ROOT/cmake/toolchains/arm-linux-gnueabihf.cmake" ]; then
             BOARD_CMAKE_CROSS=(-DCMAKE_TOOLCHAIN_FILE="$BOARD_ROOT/cmake/toolchains/arm-linux-gnueabihf.cmake")
         else
@@ -81,46 +66,6 @@ board_arch() {
     esac
     BOARD_BUILD=$BOARD_ROOT/build/board-$BOARD_ARCH
     BOARD_ARCH_CACHE=$BOARD_CACHE/$BOARD_ARCH
-}
-
-# board_ensure_host: install missing host packages (root), or say how.
-board_ensure_host() {
-    mkdir -p "$BOARD_CACHE"
-    local pair missing=()
-    for pair in $BOARD_HOST_NEEDS; do
-        command -v "${pair%%:*}" >/dev/null 2>&1 || missing+=("${pair#*:}")
-    done
-    local foreign=0
-    if [ "$BOARD_DEB_ARCH" != "$(dpkg --print-architecture)" ] &&
-        ! dpkg --print-foreign-architectures | grep -qx "$BOARD_DEB_ARCH"; then
-        foreign=1
-    fi
-    if [ ${#missing[@]} = 0 ] && [ $foreign = 0 ]; then
-        return 0
-    fi
-    if ! board_is_root; then
-        board_say "this host lacks what the $BOARD_ARCH board needs; install it with:"
-        if [ $foreign = 1 ]; then
-            # The guest's kernel and busybox are $BOARD_DEB_ARCH packages.
-            printf '  sudo dpkg --add-architecture %s\n' "$BOARD_DEB_ARCH" >&2
-        fi
-        printf '  sudo apt-get update' >&2
-        if [ ${#missing[@]} -gt 0 ]; then
-            printf ' && sudo apt-get install -y --no-install-recommends %s' "${missing[*]}" >&2
-        fi
-        printf '\n' >&2
-        exit 2
-    fi
-    if [ $foreign = 1 ]; then
-        board_say "dpkg --add-architecture $BOARD_DEB_ARCH"
-        dpkg --add-architecture "$BOARD_DEB_ARCH"
-    fi
-    board_apt_update
-    if [ ${#missing[@]} -gt 0 ]; then
-        board_say "apt-get install ${missing[*]}"
-        board_log_run "$BOARD_CACHE/apt-install.log" env DEBIAN_FRONTEND=noninteractive \
-            apt-get -o DPkg::Lock::Timeout=300 install -y --no-install-recommends "${missing[@]}" || exit 2
-    fi
 }
 
 # board_resolve_package META: the versioned package a meta-package points to.
@@ -140,7 +85,7 @@ board_fetch_deb() {
         # tree; the download itself is unprivileged either way.
         (cd "$debs" && board_log_run "$BOARD_CACHE/apt-download.log" \
             apt-get -o APT::Sandbox::User=root download "$package") || {
-            board_say "could not download $package; as root run: apt-get update"
+            board_say "could not download $package: run tools/setup board:$BOARD_ARCH"
             exit 2
         }
         deb=$(find "$debs" -maxdepth 1 -name "${package%%:*}_*_$BOARD_DEB_ARCH.deb" -print -quit)
@@ -149,18 +94,18 @@ board_fetch_deb() {
     dpkg-deb -x "$deb" "$dir"
 }
 
+# board_cached: the board's kernel and busybox are in the cache already.
+board_cached() {
+    [ -s "$BOARD_ARCH_CACHE/kernel/vmlinuz" ] && [ -x "$BOARD_ARCH_CACHE/busybox/busybox" ]
+}
+
 # board_ensure_kernel: BOARD_KERNEL (and BOARD_DTB on ARM), cached.
 board_ensure_kernel() {
     local kdir=$BOARD_ARCH_CACHE/kernel
     if [ ! -s "$kdir/vmlinuz" ]; then
-        local meta=$BOARD_KERNEL_META package
-        [ "$BOARD_ARCH" = armhf ] && meta=$meta:armhf
+        local meta=$BOARD_KERNEL_META:$BOARD_DEB_ARCH package
         package=$(board_resolve_package "$meta")
-        if [ -z "$package" ] && board_is_root; then
-            board_apt_update
-            package=$(board_resolve_package "$meta")
-        fi
-        [ -n "$package" ] || board_die "cannot resolve $meta (as root run: apt-get update)"
+        [ -n "$package" ] || board_die "cannot resolve $meta: run tools/setup board:$BOARD_ARCH"
         rm -rf "$kdir.tmp"
         board_fetch_deb "$package" "$kdir.tmp/x"
         cp "$kdir.tmp"/x/boot/vmlinuz-* "$kdir.tmp/vmlinuz"
@@ -194,8 +139,7 @@ board_patch_dtb() {
 board_ensure_busybox() {
     local bdir=$BOARD_ARCH_CACHE/busybox
     if [ ! -x "$bdir/busybox" ]; then
-        local package=busybox-static
-        [ "$BOARD_ARCH" = armhf ] && package=busybox-static:armhf
+        local package=busybox-static:$BOARD_DEB_ARCH
         rm -rf "$bdir.tmp"
         board_fetch_deb "$package" "$bdir.tmp/x"
         cp "$bdir.tmp/x/bin/busybox" "$bdir.tmp/busybox"
@@ -215,10 +159,13 @@ board_build_tool() {
         return
     fi
     mkdir -p "$BOARD_BUILD"
-    if [ ! -f "$BOARD_BUILD/CMakeCache.txt" ]; then
-        board_log_run "$BOARD_BUILD/configure.log" cmake -S "$BOARD_ROOT" -B "$BOARD_BUILD" \
-            -DBUILD_TESTING=OFF -DCMAKE_BUILD_TYPE=Release \
-            -DCMAKE_EXE_LINKER_FLAGS=-static "${BOARD_CMAKE_CROSS[@]}" || exit 2
+    # Configured every time (a second or less): a tree whose configure failed,
+    # say for want of make, must not be built as it stands.
+    if ! board_log_run "$BOARD_BUILD/configure.log" cmake -S "$BOARD_ROOT" -B "$BOARD_BUILD" \
+        -DBUILD_TESTING=OFF -DCMAKE_BUILD_TYPE=Release -DCMAKE_EXE_LINKER_FLAGS=-static \
+        "${BOARD_CMAKE_CROSS[@]}"; then
+        rm -rf "$BOARD_BUILD"
+        exit 2
     fi
     board_log_run "$BOARD_BUILD/build.log" cmake --build "$BOARD_BUILD" --target Merovane \
         -j "$(nproc)" || exit 2
@@ -256,7 +203,6 @@ board_prepare() {
     local start
     start=$(date +%s.%N)
     board_arch "$1"
-    board_ensure_host
     board_ensure_kernel
     board_ensure_busybox
     board_build_tool
