@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Emulated board: shared host side of tools/board-run, tests/board/ci-test and
 # bench/board.  Sourced, not run.
 #
@@ -35,36 +36,86 @@ board_log_run() {
 
 board_is_root() { [ "$(id -u)" = 0 ]; }
 
-# board_arch ARCH: everything that differs between the two boards.
+BOARD_NAMES="x86_64 (or pc), armhf (or h3), arm64, imx6"
+
+# board_arch BOARD: everything that differs between the boards.  Each board
+# has four serial lines, known to the guest as ttyS0 (kernel console), ttyS1
+# (results), ttyS2 (the UART under test) and ttyS3 (exit status);
+# BOARD_TTYS names the kernel's own devices behind them where they differ,
+# and BOARD_WIRING says how QEMU's chardevs reach them.
+# shellcheck disable=SC2034 # read by the scripts that source this file
 board_arch() {
     BOARD_ARCH=$1
+    BOARD_DTB_NAME='' BOARD_MODULES='' BOARD_APPEND='' BOARD_LOOPBACK=1 BOARD_TTYS="ttyS0 ttyS1 ttyS2 ttyS3" BOARD_WIRING=serial
     case $BOARD_ARCH in
-    x86_64)
+    x86_64 | pc)
+        BOARD_ARCH=x86_64
+        BOARD_UART_MODEL="16550A on the ISA bus (8250)"
         BOARD_DEB_ARCH=amd64
         BOARD_QEMU=qemu-system-x86_64
+        BOARD_MACHINE=(-M pc -m 256M -smp 1)
         BOARD_KERNEL_META=linux-image-cloud-amd64
-        BOARD_CC=gcc
         # host packages besides the build tools (tools/setup installs them)
         BOARD_PACKAGES="qemu-system-x86 cpio"
-        BOARD_CMAKE_CROSS=()
         ;;
-    armhf)
+    armhf | h3)
+        BOARD_ARCH=armhf
+        BOARD_UART_MODEL="Allwinner H3 (DesignWare 8250, 8250_dw)"
         BOARD_DEB_ARCH=armhf
         BOARD_QEMU=qemu-system-arm
+        # The H3 model has exactly 1 GiB.
+        BOARD_MACHINE=(-M orangepi-pc -m 1G)
+        BOARD_APPEND=maxcpus=1
         BOARD_KERNEL_META=linux-image-armmp
-        BOARD_CC=arm-linux-gnueabihf-gcc
-        BOARD_PACKAGES="qemu-system-arm cpio g++-arm-linux-gnueabihf device-tree-compiler"
-        if [ -f "$BOARD_ROOT/cmake/toolchains/arm-linux-gnueabihf.cmake" ]; then
-            BOARD_CMAKE_CROSS=(-DCMAKE_TOOLCHAIN_FILE="$BOARD_ROOT/cmake/toolchains/arm-linux-gnueabihf.cmake")
-        else
-            BOARD_CMAKE_CROSS=(-DCMAKE_SYSTEM_NAME=Linux -DCMAKE_SYSTEM_PROCESSOR=arm
-                -DCMAKE_C_COMPILER=arm-linux-gnueabihf-gcc
-                -DCMAKE_CXX_COMPILER=arm-linux-gnueabihf-g++)
-        fi
+        BOARD_DTB_NAME=sun8i-h3-orangepi-pc.dtb
+        BOARD_PACKAGES="qemu-system-arm cpio device-tree-compiler"
         ;;
-    *) board_die "unknown --arch '$BOARD_ARCH' (x86_64 or armhf)" ;;
+    arm64)
+        BOARD_UART_MODEL="Arm PL011 (amba-pl011)"
+        BOARD_DEB_ARCH=arm64
+        BOARD_QEMU=qemu-system-aarch64
+        BOARD_MACHINE=(-M virt -cpu cortex-a53 -m 512M -smp 1)
+        BOARD_KERNEL_META=linux-image-arm64
+        # The virt machine has one PL011, the UART under test.  The other
+        # lines are a PCI card of four 16550s (ttyS0..3, ttyS2 unused): its
+        # 8250_pci driver is built into Debian's arm64 kernel, where virtio
+        # consoles are modules, so the console works from the first line.
+        BOARD_TTYS="ttyS0 ttyS1 ttyAMA0 ttyS3"
+        # QEMU 7.2's PL011 sends the bytes out even in loop-back mode.
+        BOARD_LOOPBACK=0
+        BOARD_WIRING=pci-serial-4x
+        BOARD_PACKAGES="qemu-system-arm cpio"
+        ;;
+    imx6)
+        BOARD_UART_MODEL="NXP i.MX6 UART (imx)"
+        BOARD_DEB_ARCH=armhf
+        BOARD_QEMU=qemu-system-arm
+        BOARD_MACHINE=(-M sabrelite -m 1G)
+        # QEMU's i.MX6 has no power controller, so "poweroff" only halts the
+        # CPU; the SoC's watchdog resets it, and with -no-reboot a reset ends
+        # QEMU.  Debian builds that watchdog's driver as a module.
+        BOARD_MODULES=drivers/watchdog/imx2_wdt.ko
+        BOARD_APPEND="maxcpus=1 merovane.off=reboot"
+        BOARD_KERNEL_META=linux-image-armmp
+        BOARD_DTB_NAME=imx6q-sabrelite.dtb
+        BOARD_TTYS="ttymxc0 ttymxc1 ttymxc2 ttymxc3"
+        # QEMU 7.2's i.MX UART drops writes to the test register, where the
+        # loop-back bit lives.
+        BOARD_LOOPBACK=0
+        BOARD_PACKAGES="qemu-system-arm cpio device-tree-compiler"
+        ;;
+    *) board_die "unknown board '$BOARD_ARCH' ($BOARD_NAMES)" ;;
     esac
-    BOARD_BUILD=$BOARD_ROOT/build/board-$BOARD_ARCH
+    case $BOARD_DEB_ARCH in
+    amd64) BOARD_CC=gcc BOARD_CMAKE_CROSS=() ;;
+    armhf) BOARD_CC=arm-linux-gnueabihf-gcc
+        BOARD_CMAKE_CROSS=(-DCMAKE_TOOLCHAIN_FILE="$BOARD_ROOT/cmake/toolchains/arm-linux-gnueabihf.cmake")
+        BOARD_PACKAGES+=" g++-arm-linux-gnueabihf" ;;
+    arm64) BOARD_CC=aarch64-linux-gnu-gcc
+        BOARD_CMAKE_CROSS=(-DCMAKE_TOOLCHAIN_FILE="$BOARD_ROOT/cmake/toolchains/aarch64-linux-gnu.cmake")
+        BOARD_PACKAGES+=" g++-aarch64-linux-gnu" ;;
+    esac
+    BOARD_BUILD=$BOARD_ROOT/build/board-$BOARD_DEB_ARCH
     BOARD_ARCH_CACHE=$BOARD_CACHE/$BOARD_ARCH
 }
 
@@ -96,35 +147,42 @@ board_fetch_deb() {
 
 # board_cached: the board's kernel and busybox are in the cache already.
 board_cached() {
-    [ -s "$BOARD_ARCH_CACHE/kernel/vmlinuz" ] && [ -x "$BOARD_ARCH_CACHE/busybox/busybox" ]
+    [ -s "$BOARD_ARCH_CACHE/kernel/vmlinuz" ] && [ -d "$BOARD_ARCH_CACHE/kernel/modules" ] && [ -x "$BOARD_ARCH_CACHE/busybox/busybox" ]
 }
 
 # board_ensure_kernel: BOARD_KERNEL (and BOARD_DTB on ARM), cached.
 board_ensure_kernel() {
     local kdir=$BOARD_ARCH_CACHE/kernel
-    if [ ! -s "$kdir/vmlinuz" ]; then
+    if [ ! -s "$kdir/vmlinuz" ] || [ ! -d "$kdir/modules" ]; then
         local meta=$BOARD_KERNEL_META:$BOARD_DEB_ARCH package
         package=$(board_resolve_package "$meta")
         [ -n "$package" ] || board_die "cannot resolve $meta: run tools/setup board:$BOARD_ARCH"
         rm -rf "$kdir.tmp"
         board_fetch_deb "$package" "$kdir.tmp/x"
         cp "$kdir.tmp"/x/boot/vmlinuz-* "$kdir.tmp/vmlinuz"
-        if [ "$BOARD_ARCH" = armhf ]; then
-            cp "$(find "$kdir.tmp/x" -name sun8i-h3-orangepi-pc.dtb -print -quit)" \
-                "$kdir.tmp/board.dtb"
-            board_patch_dtb "$kdir.tmp/board.dtb"
+        if [ -n "$BOARD_DTB_NAME" ]; then
+            cp "$(find "$kdir.tmp/x" -name "$BOARD_DTB_NAME" -print -quit)" "$kdir.tmp/board.dtb" ||
+                board_die "no $BOARD_DTB_NAME in $package"
+            "board_patch_dtb_$BOARD_ARCH" "$kdir.tmp/board.dtb"
         fi
+        local module
+        mkdir "$kdir.tmp/modules"
+        for module in $BOARD_MODULES; do
+            cp "$kdir.tmp"/x/lib/modules/*/kernel/"$module" "$kdir.tmp/modules/" ||
+                board_die "no $module in $package"
+        done
         echo "$package" >"$kdir.tmp/PACKAGE"
         rm -rf "$kdir.tmp/x" "$kdir"
         mv "$kdir.tmp" "$kdir"
     fi
     BOARD_KERNEL=$kdir/vmlinuz
     BOARD_DTB=$kdir/board.dtb
+    BOARD_KERNEL_MODULES=$kdir/modules
 }
 
 # The Orange Pi PC device tree enables only uart0; the board needs uart1..3
 # as ttyS1..3, numbered by aliases so that uart2 is /dev/ttyS2.
-board_patch_dtb() {
+board_patch_dtb_armhf() {
     local dtb=$1 n
     for n in 1 2 3; do
         local node
@@ -133,6 +191,24 @@ board_patch_dtb() {
         fdtput -t s "$dtb" "/soc/$node" status okay
         fdtput -t s "$dtb" /aliases "serial$n" "/soc/$node"
     done
+}
+
+# The SABRE Lite device tree enables uart1 and uart2 (ttymxc0, ttymxc1);
+# the board needs uart3 and uart4 too, already numbered by the SoC's aliases.
+# The UART under test, uart3, gets its RTS and CTS lines, as on a board whose
+# connector has them: without "uart-has-rtscts" the imx driver drops CRTSCTS
+# from every tcsetattr.
+board_patch_dtb_imx6() {
+    local dtb=$1 n path
+    for n in 1 2 3 4; do
+        path=$(fdtget -t s "$dtb" /aliases "serial$((n - 1))") || board_die "no alias for uart$n"
+        fdtput -t s "$dtb" "$path" status okay
+        # QEMU does not model the i.MX6's SDMA engine: a transfer handed to it
+        # never ends, and each close then waits out the 30 s drain limit with
+        # nothing sent.  Without DMA channels the driver moves bytes itself.
+        fdtput -d "$dtb" "$path" dmas dma-names
+    done
+    fdtput -t x "$dtb" "$(fdtget -t s "$dtb" /aliases serial2)" uart-has-rtscts
 }
 
 # board_ensure_busybox: a static busybox for the guest, from busybox-static.
@@ -247,7 +323,8 @@ board_make_samples() {
 board_pack() {
     local work=$1 stage=$1/root
     rm -rf "$stage"
-    mkdir -p "$stage"/{bin,sbin,usr/bin,usr/sbin,dev,proc,sys,tmp}
+    mkdir -p "$stage"/{bin,sbin,usr/bin,usr/sbin,dev,proc,sys,tmp,modules}
+    cp -r "$BOARD_KERNEL_MODULES/." "$stage/modules/"
     cp "$BOARD_BUSYBOX" "$stage/bin/busybox"
     cp "$BOARD_TOOL" "$stage/usr/bin/Merovane"
     local source
@@ -317,20 +394,26 @@ board_unplug() {
 # the job's exit status lands in BOARD_EXIT ("" when the guest never said).
 board_boot() {
     local work=$1 plug=$2 dut
+    # shellcheck disable=SC2054 # QEMU's own commas
     case $plug in
-    none) dut=(-serial null) ;;
+    none) dut=(-chardev null,id=dut) ;;
     *)
         board_plug "$work" "$plug"
-        dut=(-chardev "socket,id=dut,path=$work/plug.sock" -serial chardev:dut)
+        dut=(-chardev "socket,id=dut,path=$work/plug.sock")
         ;;
     esac
-    local machine
-    case $BOARD_ARCH in
-    x86_64) machine=(-M pc -m 256M -smp 1) ;;
-    armhf) machine=(-M orangepi-pc -m 1G -dtb "$BOARD_DTB") ;;  # the H3 model has exactly 1 GiB
+    local lines
+    # shellcheck disable=SC2054 # QEMU's own commas
+    case $BOARD_WIRING in
+    serial) lines=(-serial chardev:con -serial chardev:out -serial chardev:dut -serial chardev:ctl) ;;
+    pci-serial-4x) lines=(-serial chardev:dut -chardev null,id=spare
+        -device pci-serial-4x,chardev1=con,chardev2=out,chardev3=spare,chardev4=ctl) ;;
     esac
-    local append="console=ttyS0 quiet loglevel=3 panic=-1"
-    [ "$BOARD_ARCH" = armhf ] && append+=" maxcpus=1"
+    local ttys machine=("${BOARD_MACHINE[@]}")
+    read -r -a ttys <<<"$BOARD_TTYS"
+    [ -n "$BOARD_DTB_NAME" ] && machine+=(-dtb "$BOARD_DTB")
+    local append="console=${ttys[0]} quiet loglevel=3 panic=-1 $BOARD_APPEND"
+    [ "$BOARD_TTYS" = "ttyS0 ttyS1 ttyS2 ttyS3" ] || append+=" merovane.ttys=${BOARD_TTYS// /,}"
     : >"$work/ctl"
     # A job that never ends (a lost byte, a hung driver) must not hold CI.
     local limit=() extra=()
@@ -340,10 +423,8 @@ board_boot() {
     BOARD_BOOT_START=$(date +%s.%N)
     "${limit[@]}" "$BOARD_QEMU" "${machine[@]}" -nodefaults -no-user-config -display none -no-reboot \
         -kernel "$BOARD_KERNEL" -initrd "$work/initrd.cpio" -append "$append" \
-        -serial "file:$work/console.log" \
-        -chardev "file,id=out,path=$work/out" -serial chardev:out \
-        "${dut[@]}" \
-        -chardev "file,id=ctl,path=$work/ctl" -serial chardev:ctl "${extra[@]}" \
+        -chardev "file,id=con,path=$work/console.log" -chardev "file,id=out,path=$work/out" \
+        "${dut[@]}" -chardev "file,id=ctl,path=$work/ctl" "${lines[@]}" "${extra[@]}" \
         </dev/null 2>"$work/qemu.err" &
     BOARD_QEMU_PID=$!
     wait "$BOARD_QEMU_PID"
