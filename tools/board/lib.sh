@@ -319,7 +319,7 @@ board_make_samples() {
     printf 'The quick brown fox jumps over the lazy dog.\n%.0s' {1..10} >"$dir/text.txt"
 }
 
-# board_pack WORKDIR: the initramfs without its job (WORKDIR/base.cpio).
+# board_pack WORKDIR: the initramfs's tree without its job (WORKDIR/root).
 board_pack() {
     local work=$1 stage=$1/root
     rm -rf "$stage"
@@ -337,8 +337,6 @@ board_pack() {
     for file in "${BOARD_PUT[@]}"; do
         cp "$file" "$stage/samples/"
     done
-    (cd "$stage" && find . | LC_ALL=C sort | cpio -o -H newc -R 0:0 --quiet) >"$work/base.cpio"
-    board_info "initramfs packed: $(($(stat -c %s "$work/base.cpio") / 1024)) KiB"
 }
 
 # board_quote ARG...: the arguments as one line of sh words.
@@ -350,15 +348,14 @@ board_quote() {
     printf '%s' "${out# }"
 }
 
-# board_initrd WORKDIR JOBTEXT: base archive plus a second one holding
-# /job.sh; the kernel unpacks concatenated newc archives in turn.
+# board_initrd WORKDIR JOBTEXT: WORKDIR/initrd.cpio, the tree with JOBTEXT
+# as /job.sh, in one archive: a farm that adds its own files to the
+# initramfs (LAVA) unpacks only the first of several.
 board_initrd() {
-    local work=$1 job=$2
-    rm -rf "$work/jobroot"
-    mkdir -p "$work/jobroot"
-    printf '%s\n' "$job" >"$work/jobroot/job.sh"
-    (cd "$work/jobroot" && echo job.sh | cpio -o -H newc -R 0:0 --quiet) >"$work/job.cpio"
-    cat "$work/base.cpio" "$work/job.cpio" >"$work/initrd.cpio"
+    local work=$1
+    printf '%s\n' "$2" >"$work/root/job.sh"
+    (cd "$work/root" && find . | LC_ALL=C sort | cpio -o -H newc -R 0:0 --quiet) >"$work/initrd.cpio"
+    board_info "initramfs packed: $(($(stat -c %s "$work/initrd.cpio") / 1024)) KiB"
 }
 
 BOARD_PLUG_RULES="none, or echo, corrupt=N:VALUE, change=A:B, drop=A joined by commas"
