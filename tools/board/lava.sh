@@ -22,9 +22,9 @@ lava_repository() {
 # emulated BOARD whose files lava_board put in DIR, its ttyS2 on the plug
 # listening at SOCKET.
 lava_job() {
-    local arch=amd64 dtb=()
+    local arch dtb=()
     board_arch "$1"
-    [ "$BOARD_DEB_ARCH" = armhf ] && arch=arm
+    arch=${BOARD_DEB_ARCH/armhf/arm}  # LAVA's name of the architecture
     [ -z "$BOARD_DTB_NAME" ] || dtb=(-e "/^  extra_options:/a\    - -dtb $2/board.dtb")
     sed -e "s|@NAME@|$1|; s|@ARCH@|$arch|; s| @APPEND@|${BOARD_APPEND:+ $BOARD_APPEND}|; s|@BOARD@|$2|g; s|@PLUG@|$3|; s|@PLUG_SOCKET@|$4|" \
         -e "s|@REPOSITORY@|file://$BOARD_WORK/repository|; s|@TIME_LIMIT@|$5|" "${dtb[@]}" \

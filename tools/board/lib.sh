@@ -146,14 +146,13 @@ board_fetch_deb() {
 }
 
 # board_cached: the board's kernel and busybox are in the cache already.
-board_cached() {
-    [ -s "$BOARD_ARCH_CACHE/kernel/vmlinuz" ] && [ -d "$BOARD_ARCH_CACHE/kernel/modules" ] && [ -x "$BOARD_ARCH_CACHE/busybox/busybox" ]
-}
+board_kernel_cached() { [ -s "$BOARD_ARCH_CACHE/kernel/vmlinuz" ] && [ -d "$BOARD_ARCH_CACHE/kernel/modules" ]; }
+board_cached() { board_kernel_cached && [ -x "$BOARD_ARCH_CACHE/busybox/busybox" ]; }
 
 # board_ensure_kernel: BOARD_KERNEL (and BOARD_DTB on ARM), cached.
 board_ensure_kernel() {
     local kdir=$BOARD_ARCH_CACHE/kernel
-    if [ ! -s "$kdir/vmlinuz" ] || [ ! -d "$kdir/modules" ]; then
+    if ! board_kernel_cached; then
         local meta=$BOARD_KERNEL_META:$BOARD_DEB_ARCH package
         package=$(board_resolve_package "$meta")
         [ -n "$package" ] || board_die "cannot resolve $meta: run tools/setup board:$BOARD_ARCH"
