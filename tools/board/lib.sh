@@ -45,8 +45,8 @@ BOARD_NAMES="x86_64 (or pc), armhf (or h3), arm64, imx6"
 # and BOARD_WIRING says how QEMU's chardevs reach them.
 # shellcheck disable=SC2034 # read by the scripts that source this file
 board_arch() {
-    BOARD_ARCH=$1
-    BOARD_DTB_NAME='' BOARD_MODULES='' BOARD_APPEND='' BOARD_LOOPBACK=1 BOARD_TTYS="ttyS0 ttyS1 ttyS2 ttyS3" BOARD_WIRING=serial
+    BOARD_ARCH=$1 BOARD_GUEST_RELEASE='' BOARD_APT=()
+    BOARD_DTB_NAME='' BOARD_MODULES='' BOARD_APPEND='' BOARD_TTYS="ttyS0 ttyS1 ttyS2 ttyS3" BOARD_WIRING=serial
     case $BOARD_ARCH in
     x86_64 | pc)
         BOARD_ARCH=x86_64
@@ -81,8 +81,6 @@ board_arch() {
         # 8250_pci driver is built into Debian's arm64 kernel, where virtio
         # consoles are modules, so the console works from the first line.
         BOARD_TTYS="ttyS0 ttyS1 ttyAMA0 ttyS3"
-        # QEMU 7.2's PL011 sends the bytes out even in loop-back mode.
-        BOARD_LOOPBACK=0
         BOARD_WIRING=pci-serial-4x
         BOARD_PACKAGES="qemu-system-arm cpio"
         ;;
@@ -99,10 +97,7 @@ board_arch() {
         BOARD_KERNEL_META=linux-image-armmp
         BOARD_DTB_NAME=imx6q-sabrelite.dtb
         BOARD_TTYS="ttymxc0 ttymxc1 ttymxc2 ttymxc3"
-        # QEMU 7.2's i.MX UART drops writes to the test register, where the
-        # loop-back bit lives.
-        BOARD_LOOPBACK=0
-        BOARD_PACKAGES="qemu-system-arm cpio device-tree-compiler"
+        BOARD_PACKAGES="qemu-system-arm cpio device-tree-compiler xz-utils"
         ;;
     *) board_die "unknown board '$BOARD_ARCH' ($BOARD_NAMES)" ;;
     esac
@@ -119,27 +114,137 @@ board_arch() {
     BOARD_ARCH_CACHE=$BOARD_CACHE/$BOARD_ARCH
 }
 
-# board_resolve_package META: the versioned package a meta-package points to.
-board_resolve_package() {
-    apt-cache depends "$1" 2>/dev/null | awk '$1 == "Depends:" { print $2; exit }'
+# board_qemu_version: the version of the board's QEMU, as 7.2.19 or 10.0.13.
+board_qemu_version() {
+    "$BOARD_QEMU" --version 2>/dev/null | sed -n '1s/^QEMU emulator version \([0-9][0-9.]*\).*/\1/p'
 }
 
-# board_fetch_deb PACKAGE DIR: download a .deb (no root needed) and unpack it.
+# board_qemu_is CONDITION: whether the board's QEMU is "<VERSION" or
+# ">=VERSION".
+board_qemu_is() {
+    case $1 in
+    '<'*) dpkg --compare-versions "$(board_qemu_version)" lt "${1#<}" ;;
+    '>='*) dpkg --compare-versions "$(board_qemu_version)" ge "${1#>=}" ;;
+    *) board_die "bad QEMU condition '$1'" ;;
+    esac
+}
+
+# board_loops_back: whether the board's UART model honours the internal
+# loop-back that -l switches on.  QEMU's PL011 sends the bytes out all the
+# same before QEMU 9.0, and its i.MX UART drops every write to the test
+# register, where the loop-back bit lives (measured with QEMU 7.2 and 10.0,
+# docs/boards.md).
+board_loops_back() {
+    case $BOARD_ARCH in
+    arm64) board_qemu_is '>=9.0' ;;
+    imx6) false ;;
+    *) true ;;
+    esac
+}
+
+# The Debian releases a board can take its guest packages from, newest
+# first, and their numbers.
+BOARD_RELEASES="trixie bookworm"
+declare -A BOARD_RELEASE_NUMBER=([trixie]=13 [bookworm]=12)
+
+# board_host_release: this machine's Debian release (BOARD_HOST_RELEASE),
+# from what it says it is.
+board_host_release() {
+    [ -n "${BOARD_HOST_RELEASE:-}" ] && return
+    BOARD_HOST_RELEASE=$( (. /etc/os-release && echo "${VERSION_CODENAME:-}") 2>/dev/null)
+    [ -n "${BOARD_RELEASE_NUMBER[$BOARD_HOST_RELEASE]:-}" ] ||
+        board_die "this machine is '${BOARD_HOST_RELEASE:-unknown}' (/etc/os-release); Merovane's boards need Debian 13 (trixie) or 12 (bookworm)"
+}
+
+# board_mirrors: "ARCHIVE SECURITY", the URIs this machine's apt takes its
+# own release from, so that the guest packages come through the same
+# mirror or proxy.
+board_mirrors() {
+    board_host_release
+    apt-get --print-uris update 2>/dev/null | awk -v r="$BOARD_HOST_RELEASE" '
+        match($1, /\/dists\/[^\/]+\/InRelease'"'"'$/) {
+            uri = substr($1, 2, RSTART - 2); suite = substr($1, RSTART + 7, RLENGTH - 18)
+            if (suite == r && archive == "") archive = uri
+            if (suite == r "-security" && security == "") security = uri
+        }
+        END { if (archive != "") print archive, security }'
+}
+
+# board_guest_apt RELEASE: apt for the board's guest packages of RELEASE,
+# apart from this machine's: its own sources, lists, cache and an empty
+# dpkg status, with the guest's architecture as apt's only one.  Nothing of
+# the machine's apt changes, no root is needed, and a foreign index that
+# cannot be read stops nothing else.  BOARD_APT is the command to run apt
+# with; it fails when the release's index for the guest cannot be read.
+board_guest_apt() {
+    local release=$1 dir=$BOARD_CACHE/apt/$1-$BOARD_DEB_ARCH mirrors archive security
+    mirrors=$(board_mirrors)
+    read -r archive security <<<"$mirrors"
+    [ -n "$archive" ] || board_die "no apt source of this machine serves Debian's $BOARD_HOST_RELEASE"
+    local keyring=/usr/share/keyrings/debian-archive-keyring.gpg
+    mkdir -p "$dir/lists/partial" "$dir/cache/archives/partial" "$dir/empty"
+    {
+        printf 'deb [signed-by=%s] %s %s main\n' "$keyring" "$archive" "$release" "$keyring" "$archive" "$release-updates"
+        [ -z "$security" ] || printf 'deb [signed-by=%s] %s %s main\n' "$keyring" "$security" "$release-security"
+    } >"$dir/sources.list"
+    : >"$dir/status"
+    cat >"$dir/apt.conf" <<EOF
+Dir::Etc::SourceList "$dir/sources.list";
+Dir::Etc::SourceParts "$dir/empty";
+Dir::Etc::Preferences "$dir/empty/none";
+Dir::Etc::PreferencesParts "$dir/empty";
+Dir::State::Lists "$dir/lists";
+Dir::State::status "$dir/status";
+Dir::Cache "$dir/cache";
+APT::Architecture "$BOARD_DEB_ARCH";
+APT::Architectures { "$BOARD_DEB_ARCH"; };
+Acquire::Languages "none";
+APT::Sandbox::User "$(id -un)";
+EOF
+    BOARD_APT=(env APT_CONFIG="$dir/apt.conf")
+    # Read once a day: a kernel's security update is taken within a day.
+    if [ -z "$(find "$dir/lists" -maxdepth 1 -name '*_Packages*' -mmin -1440 -print -quit)" ]; then
+        # apt-get update says a failed index only as a warning, and keeps the
+        # old lists: an index that does not show the release's kernel has
+        # failed, whatever the exit status.
+        "${BOARD_APT[@]}" apt-get -q update >"$dir/update.log" 2>&1
+    fi
+    [ -n "$(board_guest_package "$BOARD_KERNEL_META")" ]
+}
+
+# board_guest_package META: the versioned package a meta-package points to.
+board_guest_package() {
+    "${BOARD_APT[@]}" apt-cache depends "$1" 2>/dev/null | awk '$1 == "Depends:" { print $2; exit }'
+}
+
+# board_guest_release: the release whose guest packages this board takes
+# (BOARD_GUEST_RELEASE): this machine's own, else the other supported one,
+# saying so.
+board_guest_release() {
+    local release
+    board_host_release
+    for release in $BOARD_HOST_RELEASE $BOARD_RELEASES; do
+        if board_guest_apt "$release"; then
+            BOARD_GUEST_RELEASE=$release
+            [ "$release" = "$BOARD_HOST_RELEASE" ] || board_say "Debian ${BOARD_RELEASE_NUMBER[$BOARD_HOST_RELEASE]}'s $BOARD_DEB_ARCH index cannot be read; the $BOARD_ARCH board runs Debian ${BOARD_RELEASE_NUMBER[$release]}'s $(board_guest_package "$BOARD_KERNEL_META")"
+            return 0
+        fi
+        grep -E '^(E|W):' "$BOARD_CACHE/apt/$release-$BOARD_DEB_ARCH/update.log" | head -n 3 >&2
+    done
+    board_die "no Debian release's $BOARD_DEB_ARCH index could be read for the $BOARD_ARCH board's kernel and busybox"
+}
+
+# board_fetch_deb PACKAGE DIR: download a guest .deb and unpack it.
 board_fetch_deb() {
-    local package=$1 dir=$2 debs=$BOARD_CACHE/debs
+    local package=$1 dir=$2 debs=$BOARD_CACHE/debs/$BOARD_GUEST_RELEASE
     mkdir -p "$debs" "$dir"
     local deb
-    deb=$(find "$debs" -maxdepth 1 -name "${package%%:*}_*_$BOARD_DEB_ARCH.deb" -print -quit)
+    deb=$(find "$debs" -maxdepth 1 -name "${package}_*_$BOARD_DEB_ARCH.deb" -print -quit)
     if [ -z "$deb" ]; then
-        board_say "downloading $package"
-        # apt drops to its sandbox user, which cannot write into a root-owned
-        # tree; the download itself is unprivileged either way.
-        (cd "$debs" && board_log_run "$BOARD_CACHE/apt-download.log" \
-            apt-get -o APT::Sandbox::User=root download "$package") || {
-            board_say "could not download $package: run tools/setup board:$BOARD_ARCH"
-            exit 2
-        }
-        deb=$(find "$debs" -maxdepth 1 -name "${package%%:*}_*_$BOARD_DEB_ARCH.deb" -print -quit)
+        board_say "downloading $package ($BOARD_DEB_ARCH, Debian ${BOARD_RELEASE_NUMBER[$BOARD_GUEST_RELEASE]})"
+        (cd "$debs" && board_log_run "$BOARD_CACHE/apt-download.log" "${BOARD_APT[@]}" apt-get download "$package") ||
+            board_die "could not download $package"
+        deb=$(find "$debs" -maxdepth 1 -name "${package}_*_$BOARD_DEB_ARCH.deb" -print -quit)
     fi
     [ -n "$deb" ] || board_die "no .deb for $package in $debs"
     dpkg-deb -x "$deb" "$dir"
@@ -153,9 +258,9 @@ board_cached() { board_kernel_cached && [ -x "$BOARD_ARCH_CACHE/busybox/busybox"
 board_ensure_kernel() {
     local kdir=$BOARD_ARCH_CACHE/kernel
     if ! board_kernel_cached; then
-        local meta=$BOARD_KERNEL_META:$BOARD_DEB_ARCH package
-        package=$(board_resolve_package "$meta")
-        [ -n "$package" ] || board_die "cannot resolve $meta: run tools/setup board:$BOARD_ARCH"
+        [ -n "${BOARD_GUEST_RELEASE:-}" ] || board_guest_release
+        local package
+        package=$(board_guest_package "$BOARD_KERNEL_META")
         rm -rf "$kdir.tmp"
         board_fetch_deb "$package" "$kdir.tmp/x"
         cp "$kdir.tmp"/x/boot/vmlinuz-* "$kdir.tmp/vmlinuz"
@@ -164,13 +269,20 @@ board_ensure_kernel() {
                 board_die "no $BOARD_DTB_NAME in $package"
             "board_patch_dtb_$BOARD_ARCH" "$kdir.tmp/board.dtb"
         fi
-        local module
+        local module file
         mkdir "$kdir.tmp/modules"
         for module in $BOARD_MODULES; do
-            cp "$kdir.tmp"/x/lib/modules/*/kernel/"$module" "$kdir.tmp/modules/" ||
-                board_die "no $module in $package"
+            # Debian 13 ships its modules xz-compressed, which busybox's
+            # insmod cannot load.
+            file=$(find "$kdir.tmp"/x/lib/modules/*/kernel/ "$kdir.tmp"/x/usr/lib/modules/*/kernel/ \
+                -path "*/$module*" -print -quit 2>/dev/null)
+            case $file in
+            *.ko) cp "$file" "$kdir.tmp/modules/" ;;
+            *.ko.xz) xz -dc "$file" >"$kdir.tmp/modules/$(basename "$file" .xz)" ;;
+            *) board_die "no $module in $package" ;;
+            esac
         done
-        echo "$package" >"$kdir.tmp/PACKAGE"
+        echo "$package (Debian ${BOARD_RELEASE_NUMBER[$BOARD_GUEST_RELEASE]})" >"$kdir.tmp/PACKAGE"
         rm -rf "$kdir.tmp/x" "$kdir"
         mv "$kdir.tmp" "$kdir"
     fi
@@ -214,10 +326,12 @@ board_patch_dtb_imx6() {
 board_ensure_busybox() {
     local bdir=$BOARD_ARCH_CACHE/busybox
     if [ ! -x "$bdir/busybox" ]; then
-        local package=busybox-static:$BOARD_DEB_ARCH
+        [ -n "${BOARD_GUEST_RELEASE:-}" ] || board_guest_release
         rm -rf "$bdir.tmp"
-        board_fetch_deb "$package" "$bdir.tmp/x"
-        cp "$bdir.tmp/x/bin/busybox" "$bdir.tmp/busybox"
+        board_fetch_deb busybox-static "$bdir.tmp/x"
+        # /bin/busybox up to Debian 12, /usr/bin/busybox from Debian 13 on.
+        cp "$(find "$bdir.tmp/x/bin/busybox" "$bdir.tmp/x/usr/bin/busybox" -print -quit 2>/dev/null)" \
+            "$bdir.tmp/busybox" || board_die "no busybox in busybox-static"
         rm -rf "$bdir.tmp/x" "$bdir"
         mv "$bdir.tmp" "$bdir"
     fi
