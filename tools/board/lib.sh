@@ -93,7 +93,9 @@ board_arch() {
         # CPU; the SoC's watchdog resets it, and with -no-reboot a reset ends
         # QEMU.  Debian builds that watchdog's driver as a module.
         BOARD_MODULES=drivers/watchdog/imx2_wdt.ko
-        BOARD_APPEND="maxcpus=1 merovane.off=reboot"
+        # Debian's armmp kernel makes 8250 placeholders ttyS0..4 on every
+        # board; nr_uarts=0 keeps them away from the i.MX UARTs' ttyS names.
+        BOARD_APPEND="maxcpus=1 merovane.off=reboot 8250.nr_uarts=0"
         BOARD_KERNEL_META=linux-image-armmp
         BOARD_DTB_NAME=imx6q-sabrelite.dtb
         BOARD_TTYS="ttymxc0 ttymxc1 ttymxc2 ttymxc3"
@@ -221,16 +223,19 @@ board_guest_package() {
 # (BOARD_GUEST_RELEASE): this machine's own, else the other supported one,
 # saying so.
 board_guest_release() {
-    local release
+    local release tried=''
     board_host_release
     for release in $BOARD_HOST_RELEASE $BOARD_RELEASES; do
+        [[ " $tried " == *" $release "* ]] && continue
+        tried+=" $release"
         if board_guest_apt "$release"; then
             BOARD_GUEST_RELEASE=$release
-            [ "$release" = "$BOARD_HOST_RELEASE" ] || board_say "Debian ${BOARD_RELEASE_NUMBER[$BOARD_HOST_RELEASE]}'s $BOARD_DEB_ARCH index cannot be read; the $BOARD_ARCH board runs Debian ${BOARD_RELEASE_NUMBER[$release]}'s $(board_guest_package "$BOARD_KERNEL_META")"
+            [ "$release" = "$BOARD_HOST_RELEASE" ] ||
+                board_say "Debian ${BOARD_RELEASE_NUMBER[$BOARD_HOST_RELEASE]}'s $BOARD_DEB_ARCH index cannot be read (build/board-cache/apt/$BOARD_HOST_RELEASE-$BOARD_DEB_ARCH/update.log); the $BOARD_ARCH board runs Debian ${BOARD_RELEASE_NUMBER[$release]}'s $(board_guest_package "$BOARD_KERNEL_META")"
             return 0
         fi
-        grep -E '^(E|W):' "$BOARD_CACHE/apt/$release-$BOARD_DEB_ARCH/update.log" | head -n 3 >&2
     done
+    grep -h '^E:' "$BOARD_CACHE"/apt/*-"$BOARD_DEB_ARCH"/update.log >&2
     board_die "no Debian release's $BOARD_DEB_ARCH index could be read for the $BOARD_ARCH board's kernel and busybox"
 }
 
