@@ -73,7 +73,7 @@ std::pair<std::string, std::string> SendThroughEcho(const std::string& bytes,
     uart.echo = true;
     uart.charSize = charSize;
     std::istringstream input(bytes);
-    std::ostringstream out;
+    const std::ostringstream out;
     std::streambuf* const standardOutput = std::cout.rdbuf(out.rdbuf());
     mustReturn = true;
     SendFile(port, input);
@@ -94,7 +94,7 @@ TEST(ByteLoop, SevenBitLineNeitherSendsNorExpectsTheTopBit) {
 }
 
 TEST(ByteLoop, MismatchEndsTheProcessWithTheFailReport) {
-    PtyUart uart;
+    const PtyUart uart;
     SerialPort port(uart.path, true);
     uart.Send("\x0b");
     std::istringstream input("\x0a");

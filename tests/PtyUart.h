@@ -50,7 +50,7 @@ constexpr int kLoop = 0x8000;
 
 // What call throws, as its text and, for a system error, its errno's name.
 template <typename Call>
-std::string Thrown(Call call) {
+std::string Thrown(const Call& call) {
     try {
         call();
     } catch (const std::system_error& error) {

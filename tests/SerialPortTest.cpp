@@ -37,7 +37,7 @@ TEST(SerialPort, FailedOpenLeavesNoDescriptorOpen) {
         PtyUart uart;
         uart.script[function] = std::move(outcomes);
         const int descriptors = OpenDescriptors();
-        EXPECT_EQ(Thrown([&] { SerialPort port(path ? path : uart.path, attributes); }), thrown);
+        EXPECT_EQ(Thrown([&] { const SerialPort port(path ? path : uart.path, attributes); }), thrown);
         EXPECT_EQ(OpenDescriptors(), descriptors);
     };
     check("/nonexistent", true, "", {},
@@ -53,7 +53,7 @@ TEST(SerialPort, FailedOpenLeavesNoDescriptorOpen) {
 }
 
 TEST(SerialPort, OpensRawAndClosesBackToWhatItFound) {
-    PtyUart uart;
+    const PtyUart uart;
     termios found = uart.Attributes();
     cfsetspeed(&found, B2400);
     tcsetattr(uart.slave, TCSANOW, &found);
@@ -65,7 +65,7 @@ TEST(SerialPort, OpensRawAndClosesBackToWhatItFound) {
     const termios raw = uart.Attributes();
     EXPECT_EQ(raw.c_cflag, static_cast<tcflag_t>(CLOCAL | CREAD | CS8));
     EXPECT_EQ(raw.c_iflag | raw.c_oflag | raw.c_lflag, 0U);
-    EXPECT_EQ(raw.c_cc[VMIN] * 10 + raw.c_cc[VTIME], 10);
+    EXPECT_EQ((raw.c_cc[VMIN] * 10) + raw.c_cc[VTIME], 10);
     port.SetLoopback(true);
     EXPECT_EQ(uart.modemWord, TIOCM_DTR | TIOCM_RTS | kLoop);
     errno = EDOM;
@@ -156,7 +156,7 @@ TEST(SerialPort, FailsOrRetriesAndKeepsThePortUntilItIsDestroyed) {
 }
 
 TEST(SerialPort, ClosedPortRefusesWork) {
-    PtyUart uart;
+    const PtyUart uart;
     SerialPort port(uart.path, true);
     port.Close();
     const auto check = [&](const std::function<void()>& call, const std::string& thrown) {
