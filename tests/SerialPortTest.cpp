@@ -37,7 +37,8 @@ TEST(SerialPort, FailedOpenLeavesNoDescriptorOpen) {
         PtyUart uart;
         uart.script[function] = std::move(outcomes);
         const int descriptors = OpenDescriptors();
-        EXPECT_EQ(Thrown([&] { const SerialPort port(path ? path : uart.path, attributes); }), thrown);
+        EXPECT_EQ(Thrown([&] { const SerialPort port(path ? path : uart.path, attributes); }),
+                  thrown);
         EXPECT_EQ(OpenDescriptors(), descriptors);
     };
     check("/nonexistent", true, "", {},
