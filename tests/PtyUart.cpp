@@ -136,6 +136,13 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
     }
     return 0;
 }
+
+// 32-bit ARM on Debian 13 builds with 64-bit time and file offsets, where the
+// serial code calls glibc's open64 and __ioctl_time64 instead: the same
+// wrappers serve those names (no call of the port passes an offset or a time).
+int __wrap_open64(const char* path, int flags, ...) __attribute__((alias("__wrap_open")));
+int __wrap___ioctl_time64(int fd, unsigned long request, ...)
+    __attribute__((alias("__wrap_ioctl")));
 }
 // NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
