@@ -133,12 +133,24 @@ if(MEROVANE_STATIC)
     set(CPACK_DEBIAN_PACKAGE_DEPENDS "")
 elseif(CMAKE_CROSSCOMPILING)
     # dpkg-shlibdeps knows the host architecture's libraries only; for the
-    # cross toolchains' runtime it would name the -cross packages. Every
-    # program linked against glibc 2.34 or later needs 2.34 (the new
-    # __libc_start_main), and tests/cross checks that the binary needs
-    # no newer glibc symbol. libstdc++ at the toolchain's own version, whose
-    # symbols the binary may use.
-    set(CPACK_DEBIAN_PACKAGE_DEPENDS "libc6 (>= 2.34), libgcc-s1, libstdc++6 (>= 12)")
+    # cross toolchains' runtime it would name the -cross packages. The
+    # toolchain's own glibc and libstdc++ are the floor instead: a binary
+    # linked against them may use any of their symbols (glibc 2.38's C23
+    # strtol, say, that Debian 13's toolchains call), and tests/cross checks
+    # that it needs no newer glibc symbol than the package names.
+    execute_process(
+        COMMAND ${CMAKE_CXX_COMPILER} -dM -E -include features.h -x c++ /dev/null
+        OUTPUT_VARIABLE toolchainMacros RESULT_VARIABLE status)
+    string(REGEX MATCH "#define __GLIBC__ ([0-9]+)" _ "${toolchainMacros}")
+    set(glibcMajor "${CMAKE_MATCH_1}")
+    string(REGEX MATCH "#define __GLIBC_MINOR__ ([0-9]+)" _ "${toolchainMacros}")
+    set(glibcMinor "${CMAKE_MATCH_1}")
+    if(NOT status EQUAL 0 OR glibcMajor STREQUAL "" OR glibcMinor STREQUAL "")
+        message(FATAL_ERROR "cannot tell the glibc version of ${CMAKE_CXX_COMPILER}")
+    endif()
+    string(REGEX MATCH "^[0-9]+" gccMajor "${CMAKE_CXX_COMPILER_VERSION}")
+    set(CPACK_DEBIAN_PACKAGE_DEPENDS
+        "libc6 (>= ${glibcMajor}.${glibcMinor}), libgcc-s1, libstdc++6 (>= ${gccMajor})")
 else()
     set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 endif()
