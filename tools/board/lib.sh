@@ -504,43 +504,47 @@ board_unplug() {
     fi
 }
 
-# board_boot WORKDIR PLUG: boot the board once and wait for it to stop.
-# ttyS1 is streamed through the fifo WORKDIR/out (read it before calling);
-# the job's exit status lands in BOARD_EXIT ("" when the guest never said).
-board_boot() {
-    local work=$1 plug=$2 dut
-    # shellcheck disable=SC2054 # QEMU's own commas
-    case $plug in
-    none) dut=(-chardev null,id=dut) ;;
-    *)
-        board_plug "$work" "$plug"
-        dut=(-chardev "socket,id=dut,path=$work/plug.sock")
-        ;;
-    esac
-    local lines
+# board_qemu_command WORKDIR CONSOLE DUT: the board's QEMU command line in
+# BOARD_QEMU_CMD, with the chardevs CONSOLE on its console and DUT on the
+# UART under test (QEMU -chardev specs without their id); the results line
+# and the exit status line go to the files WORKDIR/out and WORKDIR/ctl.
+board_qemu_command() {
+    local work=$1 lines
     # shellcheck disable=SC2054 # QEMU's own commas
     case $BOARD_WIRING in
     serial) lines=(-serial chardev:con -serial chardev:out -serial chardev:dut -serial chardev:ctl) ;;
     pci-serial-4x) lines=(-serial chardev:dut -chardev null,id=spare
         -device pci-serial-4x,chardev1=con,chardev2=out,chardev3=spare,chardev4=ctl) ;;
     esac
-    local ttys machine=("${BOARD_MACHINE[@]}")
+    local ttys machine=("${BOARD_MACHINE[@]}") extra=()
     read -r -a ttys <<<"$BOARD_TTYS"
     [ -n "$BOARD_DTB_NAME" ] && machine+=(-dtb "$BOARD_DTB")
     local append="console=${ttys[0]} quiet loglevel=3 panic=-1 $BOARD_APPEND"
     [ "$BOARD_TTYS" = "ttyS0 ttyS1 ttyS2 ttyS3" ] || append+=" merovane.ttys=${BOARD_TTYS// /,}"
+    read -r -a extra <<<"${BOARD_QEMU_EXTRA:-}"
+    BOARD_QEMU_CMD=("$BOARD_QEMU" "${machine[@]}" -nodefaults -no-user-config -display none -no-reboot
+        -kernel "$BOARD_KERNEL" -initrd "$work/initrd.cpio" -append "$append"
+        -chardev "$2,id=con" -chardev "file,id=out,path=$work/out" -chardev "$3,id=dut"
+        -chardev "file,id=ctl,path=$work/ctl" "${lines[@]}" "${extra[@]}")
+}
+
+# board_boot WORKDIR PLUG: boot the board once and wait for it to stop.
+# ttyS1 is streamed through the fifo WORKDIR/out (read it before calling);
+# the job's exit status lands in BOARD_EXIT ("" when the guest never said).
+board_boot() {
+    local work=$1 plug=$2 dut=null
+    if [ "$plug" != none ]; then
+        board_plug "$work" "$plug"
+        dut=socket,path=$work/plug.sock
+    fi
+    board_qemu_command "$work" "file,path=$work/console.log" "$dut"
     : >"$work/ctl"
     # A job that never ends (a lost byte, a hung driver) must not hold CI.
-    local limit=() extra=()
+    local limit=()
     [ -n "${BOARD_BOOT_TIMEOUT:-}" ] && limit=(timeout -s TERM "$BOARD_BOOT_TIMEOUT")
-    read -r -a extra <<<"${BOARD_QEMU_EXTRA:-}"
     # shellcheck disable=SC2034 # read by the commands for their timings
     BOARD_BOOT_START=$(date +%s.%N)
-    "${limit[@]}" "$BOARD_QEMU" "${machine[@]}" -nodefaults -no-user-config -display none -no-reboot \
-        -kernel "$BOARD_KERNEL" -initrd "$work/initrd.cpio" -append "$append" \
-        -chardev "file,id=con,path=$work/console.log" -chardev "file,id=out,path=$work/out" \
-        "${dut[@]}" -chardev "file,id=ctl,path=$work/ctl" "${lines[@]}" "${extra[@]}" \
-        </dev/null 2>"$work/qemu.err" &
+    "${limit[@]}" "${BOARD_QEMU_CMD[@]}" </dev/null 2>"$work/qemu.err" &
     BOARD_QEMU_PID=$!
     wait "$BOARD_QEMU_PID"
     BOARD_QEMU_STATUS=$?
