@@ -8,6 +8,7 @@
 # (merovane-HOST, 10.77.0.11 for the first host in the table, .12 for the
 # next...).  Nothing of it reaches beyond this machine.
 
+# shellcheck disable=SC2034 # read by the scripts that source this file
 LAB_TABLE=$BOARD_DIR/lab.boards
 LAB_NET=10.77.0
 LAB_SIDE=merovane-side
