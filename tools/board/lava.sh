@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# The emulated boards as LAVA devices, for tests/lava and tools/lava-lab:
+# The emulated boards as LAVA devices, for tests/lava:
 # source after lib.sh.
 
 # lava_board BOARD DIR: the board's kernel, device tree and initramfs (a
