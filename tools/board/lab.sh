@@ -11,7 +11,6 @@
 # shellcheck disable=SC2034 # read by the scripts that source this file
 LAB_TABLE=$BOARD_DIR/lab.boards
 LAB_NET=10.77.0
-LAB_SIDE=merovane-side
 LAB_SIDE_ADDR=$LAB_NET.1
 LAB_PDU_PORT=16421
 LAB_COORDINATOR=$LAB_SIDE_ADDR:20408
@@ -20,6 +19,7 @@ LAB_CONSOLE_BASE=5000
 LAB_STATE=${LAB_STATE:-$BOARD_ROOT/build/lab}
 
 lab_namespace() { printf 'merovane-%s' "$1"; }
+LAB_SIDE=$(lab_namespace side)
 
 # lab_read TABLE: the boards in LAB_NAMES (in the table's order) and the
 # hosts in LAB_HOSTS; per board LAB_BOARD, LAB_HOST, LAB_PLUG, LAB_OUTLET
@@ -127,7 +127,7 @@ lab_place_commands() {
 # in reset until its outlet lets it run, its console on a pseudo-terminal
 # and its monitor on a socket for the outlet.
 lab_prepare_board() {
-    local name=$1 dir dut=null arg command=()
+    local name=$1 dir dut=null
     dir=$(lab_board_dir "$name")
     board_prepare "${LAB_BOARD[$name]}" || exit 2
     mkdir -p "$dir"
@@ -138,11 +138,9 @@ lab_prepare_board() {
     rm -rf "$dir/root"
     [ "${LAB_PLUG[$name]}" = none ] || dut=socket,path=$dir/plug.sock
     board_qemu_command "$dir" pty "$dut"
-    # A reset from the outlet must reset the board, not end QEMU.
-    for arg in "${BOARD_QEMU_CMD[@]}"; do
-        [ "$arg" = -no-reboot ] || command+=("$arg")
-    done
-    BOARD_QEMU_CMD=("${command[@]}" -S -monitor "unix:$dir/monitor.sock,server=on,wait=off")
+    # Without -no-reboot: a reset from the outlet resets the board, where
+    # with it QEMU would end.
+    BOARD_QEMU_CMD+=(-S -monitor "unix:$dir/monitor.sock,server=on,wait=off")
     declare -p BOARD_QEMU_CMD >"$dir/qemu.cmd"
     ln -sfn "$dir" "$LAB_STATE/${LAB_HOST[$name]}/outlet-${LAB_OUTLET[$name]}"
 }

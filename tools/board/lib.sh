@@ -522,7 +522,7 @@ board_qemu_command() {
     local append="console=${ttys[0]} quiet loglevel=3 panic=-1 $BOARD_APPEND"
     [ "$BOARD_TTYS" = "ttyS0 ttyS1 ttyS2 ttyS3" ] || append+=" merovane.ttys=${BOARD_TTYS// /,}"
     read -r -a extra <<<"${BOARD_QEMU_EXTRA:-}"
-    BOARD_QEMU_CMD=("$BOARD_QEMU" "${machine[@]}" -nodefaults -no-user-config -display none -no-reboot
+    BOARD_QEMU_CMD=("$BOARD_QEMU" "${machine[@]}" -nodefaults -no-user-config -display none
         -kernel "$BOARD_KERNEL" -initrd "$work/initrd.cpio" -append "$append"
         -chardev "$2,id=con" -chardev "file,id=out,path=$work/out" -chardev "$3,id=dut"
         -chardev "file,id=ctl,path=$work/ctl" "${lines[@]}" "${extra[@]}")
@@ -544,7 +544,8 @@ board_boot() {
     [ -n "${BOARD_BOOT_TIMEOUT:-}" ] && limit=(timeout -s TERM "$BOARD_BOOT_TIMEOUT")
     # shellcheck disable=SC2034 # read by the commands for their timings
     BOARD_BOOT_START=$(date +%s.%N)
-    "${limit[@]}" "${BOARD_QEMU_CMD[@]}" </dev/null 2>"$work/qemu.err" &
+    # One boot: the board's own reset or power-off ends QEMU.
+    "${limit[@]}" "${BOARD_QEMU_CMD[@]}" -no-reboot </dev/null 2>"$work/qemu.err" &
     BOARD_QEMU_PID=$!
     wait "$BOARD_QEMU_PID"
     BOARD_QEMU_STATUS=$?
