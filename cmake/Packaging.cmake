@@ -38,6 +38,8 @@ string(TIMESTAMP changelogDate "${weekday}, %d ${month} %Y %H:%M:%S +0000" UTC)
 
 set(manualPage ${PROJECT_BINARY_DIR}/man/Merovane.1)
 configure_file(${PROJECT_SOURCE_DIR}/man/Merovane.1.in ${manualPage} @ONLY)
+set(verdictPage ${PROJECT_BINARY_DIR}/man/merovane-verdict.1)
+configure_file(${PROJECT_SOURCE_DIR}/man/merovane-verdict.1.in ${verdictPage} @ONLY)
 
 # A version number without a Debian revision makes this a native package,
 # whose changelog Debian names changelog.gz (changelog.Debian.gz belongs to
@@ -80,7 +82,7 @@ if(MEROVANE_GZIP)
     # -n leaves out the name and time stamp, so that the same text gives the
     # same bytes in every build; -k keeps the configured text, which the
     # command depends on.
-    foreach(document manualPage changelog)
+    foreach(document manualPage verdictPage changelog)
         add_custom_command(
             OUTPUT ${${document}}.gz
             COMMAND ${MEROVANE_GZIP} -9nkf ${${document}}
@@ -89,15 +91,18 @@ if(MEROVANE_GZIP)
             VERBATIM)
         set(${document} ${${document}}.gz)
     endforeach()
-    add_custom_target(compressed_documents ALL DEPENDS ${manualPage} ${changelog})
+    add_custom_target(compressed_documents ALL DEPENDS ${manualPage} ${verdictPage} ${changelog})
 endif()
-install(FILES ${manualPage} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES ${manualPage} ${verdictPage} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+# The farm engines judge each run on the board with it: it goes wherever
+# the tool goes.
+install(PROGRAMS ${PROJECT_SOURCE_DIR}/farm/merovane-verdict DESTINATION ${CMAKE_INSTALL_BINDIR})
 
 # The copyright file, the changelog and the lintian overrides are Debian's and
 # go into the package only: board build systems take the licence from LICENSE
 # themselves (Buildroot's legal-info, Yocto's LIC_FILES_CHKSUM) and keep
 # /usr/share/doc off the image, so `cmake --install` still installs just the
-# binary and its manual page. `cmake --install --component debian` adds them.
+# programs and their manual pages. `cmake --install --component debian` adds them.
 install(FILES ${PROJECT_BINARY_DIR}/debian/copyright ${changelog}
         DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/merovane
         COMPONENT debian EXCLUDE_FROM_ALL)

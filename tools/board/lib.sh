@@ -2,12 +2,13 @@
 # Emulated board: shared host side of tools/board-run, tests/board/ci-test and
 # bench/board.  Sourced, not run.
 #
-# The board is a QEMU machine whose Linux kernel drives an emulated 16550 with
-# its real serial driver.  Everything it needs comes from Debian packages,
-# all fetched by tools/setup before any work starts: QEMU and cpio are
-# installed on the host; the kernel and a static busybox are downloaded as
-# .deb files and unpacked into build/board-cache, so the host's own busybox
-# and kernel packages are never touched.
+# The board is a QEMU machine whose Linux kernel drives an emulated UART (a
+# 16550, the H3's DesignWare UART, the Arm PL011 or the i.MX UART, as
+# board_arch says) with its real serial driver.  Everything it needs comes
+# from Debian packages, all fetched by tools/setup before any work starts:
+# QEMU and cpio are installed on the host; the kernel and a static busybox
+# are downloaded as .deb files and unpacked into build/board-cache, so the
+# host's own busybox and kernel packages are never touched.
 
 BOARD_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 BOARD_DIR=$BOARD_ROOT/tools/board
@@ -445,6 +446,7 @@ board_pack() {
     cp -r "$BOARD_KERNEL_MODULES/." "$stage/modules/"
     cp "$BOARD_BUSYBOX" "$stage/bin/busybox"
     cp "$BOARD_TOOL" "$stage/usr/bin/Merovane"
+    install -m 755 "$BOARD_ROOT/farm/merovane-verdict" "$stage/usr/bin/"
     local source
     for source in "${BOARD_GUEST_PROGRAMS[@]}"; do
         cp "$BOARD_HELPERS/$(basename "$source" .c)" "$stage/usr/bin/"
