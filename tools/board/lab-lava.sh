@@ -55,3 +55,15 @@ EOF
     for name in "${LAB_NAMES[@]}"; do rm -f "$LAB_LAVA_ETC/devices/$(lab_lava_device "$name").jinja2"; done
     rm -f "$LAB_LAVA_ETC/device-types/$LAB_LAVA_TYPE.jinja2"
 }
+
+# lab_lava_job NAME WHO FILE [SECONDS]: farm/lava/board-job.yaml for the
+# board NAME, named for the user WHO, picking the board by its tag, sending
+# FILE in each case, with SECONDS as the time limit if given.
+lab_lava_job() {
+    local device limit=""
+    device=$(lab_lava_device "$1")
+    [ -z "${4:-}" ] || limit="-t $4 "
+    lab_fill farm/lava/board-job.yaml "s|^job_name: [^#]*|job_name: Merovane on the lab's $1 ($2)  |" \
+        "s|^tags: \[\]|tags: [$device]|" "s|-f /samples/pattern-1k.bin|-f $3|" \
+        "s|merovane_case \([a-z-]*\) |merovane_case \1 $limit|"
+}

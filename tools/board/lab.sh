@@ -21,8 +21,8 @@ LAB_STATE=${LAB_STATE:-$BOARD_ROOT/build/lab}
 lab_namespace() { printf 'merovane-%s' "$1"; }
 LAB_SIDE=$(lab_namespace side)
 
-# lab_read TABLE: the boards in LAB_NAMES (in the table's order) and the
-# hosts in LAB_HOSTS; per board LAB_BOARD, LAB_HOST, LAB_PLUG, LAB_OUTLET
+# lab_read TABLE [ROW...]: the boards of TABLE and of the extra ROWs in
+# LAB_NAMES (in that order) and the hosts in LAB_HOSTS; per board LAB_BOARD, LAB_HOST, LAB_PLUG, LAB_OUTLET
 # (its port on its host's PDU) and LAB_CONSOLE_PORT (its console's TCP port
 # on its host); per host LAB_ADDR.
 lab_read() {
@@ -50,7 +50,7 @@ lab_read() {
         outlets[$host]=$((outlets[$host] + 1))
         LAB_OUTLET[$name]=${outlets[$host]}
         LAB_CONSOLE_PORT[$name]=$((LAB_CONSOLE_BASE + row))
-    done <"$table"
+    done < <(cat "$table" && printf '%s\n' "${@:2}")
     ((${#LAB_NAMES[@]} > 0)) || board_die "$table has no boards"
 }
 
@@ -122,19 +122,20 @@ lab_place_commands() {
     printf 'labgrid-client -p %s set-tags board=%s\n' "$1" "$1"
 }
 
-# lab_prepare_board NAME: the board's image (Merovane in it, a shell on the
-# console) and, in lab_board_dir's qemu.cmd, BOARD_QEMU_CMD: its QEMU held
-# in reset until its outlet lets it run, its console on a pseudo-terminal
-# and its monitor on a socket for the outlet.
+# lab_prepare_board NAME [PRELUDE]: the board's image (Merovane in it, a
+# shell on the console, after the shell commands PRELUDE) and, in
+# lab_board_dir's qemu.cmd, BOARD_QEMU_CMD: its QEMU held in reset until its
+# outlet lets it run, its console on a pseudo-terminal and its monitor on a
+# socket for the outlet.
 lab_prepare_board() {
-    local name=$1 dir dut=null
+    local name=$1 prelude=${2:-} dir dut=null
     dir=$(lab_board_dir "$name")
     board_prepare "${LAB_BOARD[$name]}" || exit 2
     mkdir -p "$dir"
     board_pack "$dir" || exit 2
     # The prompt a Debian image's root shell shows, as board.yaml expects;
     # the console by its ttyS0 name, which every board's guest gives it.
-    board_initrd "$dir" "export PS1='root@$name:~# '; while :; do setsid sh -c 'exec sh -i <>/dev/ttyS0 >&0 2>&1'; done"
+    board_initrd "$dir" "$prelude export PS1='root@$name:~# '; while :; do setsid sh -c 'exec sh -i <>/dev/ttyS0 >&0 2>&1'; done"
     rm -rf "$dir/root"
     [ "${LAB_PLUG[$name]}" = none ] || dut=socket,path=$dir/plug.sock
     board_qemu_command "$dir" pty "$dut"
@@ -143,4 +144,21 @@ lab_prepare_board() {
     BOARD_QEMU_CMD+=(-S -monitor "unix:$dir/monitor.sock,server=on,wait=off")
     declare -p BOARD_QEMU_CMD >"$dir/qemu.cmd"
     ln -sfn "$dir" "$LAB_STATE/${LAB_HOST[$name]}/outlet-${LAB_OUTLET[$name]}"
+}
+
+# lab_fill FILE SED...: the farm's FILE as a lab fills it in: the sed
+# expressions applied to its FILL IN lines and to no other line, as a user
+# who copies it does (tests/lab/farm-copies checks it).
+lab_fill() {
+    local file=$1 expression program=""
+    shift
+    for expression in "$@"; do program+="/FILL IN/$expression"$'\n'; done
+    sed -e "$program" "$BOARD_ROOT/$file"
+}
+
+# lab_labgrid_env FILE [SECONDS]: farm/labgrid/board.yaml sending FILE,
+# with SECONDS as the time limit if given.
+lab_labgrid_env() {
+    lab_fill farm/labgrid/board.yaml "s|^\(  merovane_file: *\)'[^']*'|\1'$1'|" \
+        "s|^\(  merovane_timeout: *\)'[^']*'|\1'${2:-}'|"
 }
