@@ -38,7 +38,7 @@ lab_read() {
         [[ $name =~ ^[a-z0-9][a-z0-9-]{0,19}$ ]] || board_die "$table:$line: bad board name '$name'"
         [[ $host =~ ^[a-z0-9][a-z0-9-]{0,8}$ && $host != side ]] || board_die "$table:$line: bad host name '$host'"
         [ -z "${LAB_BOARD[$name]:-}" ] || board_die "$table:$line: '$name' is in the table twice"
-        (board_arch "$board") || board_die "$table:$line: unknown board '$board' ($BOARD_NAMES)"
+        (board_arch "$board") || board_die "$table:$line: unknown board '$board' ($(board_names))"
         row=$((row + 1))
         LAB_NAMES+=("$name")
         LAB_BOARD[$name]=$board LAB_HOST[$name]=$host LAB_PLUG[$name]=$plug

@@ -37,73 +37,51 @@ board_log_run() {
 
 board_is_root() { [ "$(id -u)" = 0 ]; }
 
-BOARD_NAMES="x86_64 (or pc), armhf (or h3), arm64, imx6"
+# Each board is described in a file of its own, tools/board/boards/NAME.board:
+# everything that differs between the boards is there, and adding a board is
+# adding a file (tools/board/README.md).
+BOARD_FILES=$BOARD_DIR/boards
 
-# board_arch BOARD: everything that differs between the boards.  Each board
-# has four serial lines, known to the guest as ttyS0 (kernel console), ttyS1
-# (results), ttyS2 (the UART under test) and ttyS3 (exit status);
-# BOARD_TTYS names the kernel's own devices behind them where they differ,
-# and BOARD_WIRING says how QEMU's chardevs reach them.
+# board_list: the boards' names, one a line.
+board_list() {
+    local file
+    for file in "$BOARD_FILES"/*.board; do basename "$file" .board; done
+}
+
+# board_names: the boards and their aliases, for messages.
+board_names() {
+    local name aliases names=()
+    for name in $(board_list); do
+        aliases=$(sed -n 's/^BOARD_ALIASES="\(.*\)"$/\1/p' "$BOARD_FILES/$name.board")
+        names+=("$name${aliases:+ (or ${aliases// /, })}")
+    done
+    local IFS=,
+    printf '%s' "${names[*]}" | sed 's/,/, /g'
+}
+
+# board_arch BOARD: read the board's file (by its name or an alias).  Each
+# board has four serial lines, known to the guest as ttyS0 (kernel
+# console), ttyS1 (results), ttyS2 (the UART under test) and ttyS3 (exit
+# status); BOARD_TTYS names the kernel's own devices behind them where they
+# differ, "-" for a line the board has no UART for, which the console then
+# carries; BOARD_LINES wires QEMU's chardevs con, out, dut and ctl to them.
 # shellcheck disable=SC2034 # read by the scripts that source this file
 board_arch() {
-    BOARD_ARCH=$1 BOARD_GUEST_RELEASE='' BOARD_APT=()
-    BOARD_DTB_NAME='' BOARD_MODULES='' BOARD_APPEND='' BOARD_TTYS="ttyS0 ttyS1 ttyS2 ttyS3" BOARD_WIRING=serial
-    case $BOARD_ARCH in
-    x86_64 | pc)
-        BOARD_ARCH=x86_64
-        BOARD_UART_MODEL="16550A on the ISA bus (8250)"
-        BOARD_DEB_ARCH=amd64
-        BOARD_QEMU=qemu-system-x86_64
-        BOARD_MACHINE=(-M pc -m 256M -smp 1)
-        BOARD_KERNEL_META=linux-image-cloud-amd64
-        # host packages besides the build tools (tools/setup installs them)
-        BOARD_PACKAGES="qemu-system-x86 cpio"
-        ;;
-    armhf | h3)
-        BOARD_ARCH=armhf
-        BOARD_UART_MODEL="Allwinner H3 (DesignWare 8250, 8250_dw)"
-        BOARD_DEB_ARCH=armhf
-        BOARD_QEMU=qemu-system-arm
-        # The H3 model has exactly 1 GiB.
-        BOARD_MACHINE=(-M orangepi-pc -m 1G)
-        BOARD_APPEND=maxcpus=1
-        BOARD_KERNEL_META=linux-image-armmp
-        BOARD_DTB_NAME=sun8i-h3-orangepi-pc.dtb
-        BOARD_PACKAGES="qemu-system-arm cpio device-tree-compiler"
-        ;;
-    arm64)
-        BOARD_UART_MODEL="Arm PL011 (amba-pl011)"
-        BOARD_DEB_ARCH=arm64
-        BOARD_QEMU=qemu-system-aarch64
-        BOARD_MACHINE=(-M virt -cpu cortex-a53 -m 512M -smp 1)
-        BOARD_KERNEL_META=linux-image-arm64
-        # The virt machine has one PL011, the UART under test.  The other
-        # lines are a PCI card of four 16550s (ttyS0..3, ttyS2 unused): its
-        # 8250_pci driver is built into Debian's arm64 kernel, where virtio
-        # consoles are modules, so the console works from the first line.
-        BOARD_TTYS="ttyS0 ttyS1 ttyAMA0 ttyS3"
-        BOARD_WIRING=pci-serial-4x
-        BOARD_PACKAGES="qemu-system-arm cpio"
-        ;;
-    imx6)
-        BOARD_UART_MODEL="NXP i.MX6 UART (imx)"
-        BOARD_DEB_ARCH=armhf
-        BOARD_QEMU=qemu-system-arm
-        BOARD_MACHINE=(-M sabrelite -m 1G)
-        # QEMU's i.MX6 has no power controller, so "poweroff" only halts the
-        # CPU; the SoC's watchdog resets it, and with -no-reboot a reset ends
-        # QEMU.  Debian builds that watchdog's driver as a module.
-        BOARD_MODULES=drivers/watchdog/imx2_wdt.ko
-        # Debian's armmp kernel makes 8250 placeholders ttyS0..4 on every
-        # board; nr_uarts=0 keeps them away from the i.MX UARTs' ttyS names.
-        BOARD_APPEND="maxcpus=1 merovane.off=reboot 8250.nr_uarts=0"
-        BOARD_KERNEL_META=linux-image-armmp
-        BOARD_DTB_NAME=imx6q-sabrelite.dtb
-        BOARD_TTYS="ttymxc0 ttymxc1 ttymxc2 ttymxc3"
-        BOARD_PACKAGES="qemu-system-arm cpio device-tree-compiler xz-utils"
-        ;;
-    *) board_die "unknown board '$BOARD_ARCH' ($BOARD_NAMES)" ;;
-    esac
+    local name file=
+    for name in $(board_list); do
+        if [ "$name" = "$1" ] || [[ " $(sed -n 's/^BOARD_ALIASES="\(.*\)"$/\1/p' "$BOARD_FILES/$name.board") " == *" $1 "* ]]; then
+            file=$BOARD_FILES/$name.board
+            break
+        fi
+    done
+    [ -n "$file" ] || board_die "unknown board '$1' ($(board_names))"
+    BOARD_ARCH=$name BOARD_GUEST_RELEASE='' BOARD_APT=() BOARD_ALIASES=''
+    BOARD_DTB_NAME='' BOARD_MODULES='' BOARD_APPEND='' BOARD_TTYS="ttyS0 ttyS1 ttyS2 ttyS3"
+    BOARD_LINES=(-serial chardev:con -serial chardev:out -serial chardev:dut -serial chardev:ctl)
+    BOARD_LOOPS_BACK=yes BOARD_DIFFERENCES='' BOARD_ROW_SETUP='' BOARD_PLUG_ALSO='' BOARD_LOOP_TEXT=''
+    unset -f board_patch_dtb
+    # shellcheck source=/dev/null
+    source "$file"
     case $BOARD_DEB_ARCH in
     amd64) BOARD_CC=gcc BOARD_CMAKE_CROSS=() ;;
     armhf) BOARD_CC=arm-linux-gnueabihf-gcc
@@ -112,10 +90,15 @@ board_arch() {
     arm64) BOARD_CC=aarch64-linux-gnu-gcc
         BOARD_CMAKE_CROSS=(-DCMAKE_TOOLCHAIN_FILE="$BOARD_ROOT/cmake/toolchains/aarch64-linux-gnu.cmake")
         BOARD_PACKAGES+=" g++-aarch64-linux-gnu" ;;
+    *) board_die "$file: no BOARD_DEB_ARCH" ;;
     esac
     BOARD_BUILD=$BOARD_ROOT/build/board-$BOARD_DEB_ARCH
     BOARD_ARCH_CACHE=$BOARD_CACHE/$BOARD_ARCH
 }
+
+# board_over_console: whether the board's results and exit status travel
+# on its console (a board with fewer than four UARTs).
+board_over_console() { [[ " $BOARD_TTYS " == *" - "* ]]; }
 
 # board_qemu_version: the version of the board's QEMU, as 7.2.19 or 10.0.13.
 board_qemu_version() {
@@ -133,15 +116,13 @@ board_qemu_is() {
 }
 
 # board_loops_back: whether the board's UART model honours the internal
-# loop-back that -l switches on.  QEMU's PL011 sends the bytes out all the
-# same before QEMU 9.0, and its i.MX UART drops every write to the test
-# register, where the loop-back bit lives (measured with QEMU 7.2 and 10.0,
-# docs/boards.md).
+# loop-back that -l switches on: BOARD_LOOPS_BACK is yes, no, or a QEMU
+# version condition (its board file gives the evidence).
 board_loops_back() {
-    case $BOARD_ARCH in
-    arm64) board_qemu_is '>=9.0' ;;
-    imx6) false ;;
-    *) true ;;
+    case $BOARD_LOOPS_BACK in
+    yes) true ;;
+    no) false ;;
+    *) board_qemu_is "$BOARD_LOOPS_BACK" ;;
     esac
 }
 
@@ -273,7 +254,7 @@ board_ensure_kernel() {
         if [ -n "$BOARD_DTB_NAME" ]; then
             cp "$(find "$kdir.tmp/x" -name "$BOARD_DTB_NAME" -print -quit)" "$kdir.tmp/board.dtb" ||
                 board_die "no $BOARD_DTB_NAME in $package"
-            "board_patch_dtb_$BOARD_ARCH" "$kdir.tmp/board.dtb"
+            ! declare -F board_patch_dtb >/dev/null || board_patch_dtb "$kdir.tmp/board.dtb"
         fi
         local module file
         mkdir "$kdir.tmp/modules"
@@ -295,37 +276,6 @@ board_ensure_kernel() {
     BOARD_KERNEL=$kdir/vmlinuz
     BOARD_DTB=$kdir/board.dtb
     BOARD_KERNEL_MODULES=$kdir/modules
-}
-
-# The Orange Pi PC device tree enables only uart0; the board needs uart1..3
-# as ttyS1..3, numbered by aliases so that uart2 is /dev/ttyS2.
-board_patch_dtb_armhf() {
-    local dtb=$1 n
-    for n in 1 2 3; do
-        local node
-        node=$(fdtget -l "$dtb" /soc 2>/dev/null | grep -x "serial@$(printf '%x' $((0x1c28000 + n * 0x400)))") ||
-            board_die "no uart$n node in the device tree"
-        fdtput -t s "$dtb" "/soc/$node" status okay
-        fdtput -t s "$dtb" /aliases "serial$n" "/soc/$node"
-    done
-}
-
-# The SABRE Lite device tree enables uart1 and uart2 (ttymxc0, ttymxc1);
-# the board needs uart3 and uart4 too, already numbered by the SoC's aliases.
-# The UART under test, uart3, gets its RTS and CTS lines, as on a board whose
-# connector has them: without "uart-has-rtscts" the imx driver drops CRTSCTS
-# from every tcsetattr.
-board_patch_dtb_imx6() {
-    local dtb=$1 n path
-    for n in 1 2 3 4; do
-        path=$(fdtget -t s "$dtb" /aliases "serial$((n - 1))") || board_die "no alias for uart$n"
-        fdtput -t s "$dtb" "$path" status okay
-        # QEMU does not model the i.MX6's SDMA engine: a transfer handed to it
-        # never ends, and each close then waits out the 30 s drain limit with
-        # nothing sent.  Without DMA channels the driver moves bytes itself.
-        fdtput -d "$dtb" "$path" dmas dma-names
-    done
-    fdtput -t x "$dtb" "$(fdtget -t s "$dtb" /aliases serial2)" uart-has-rtscts
 }
 
 # board_ensure_busybox: a static busybox for the guest, from busybox-static.
@@ -369,9 +319,9 @@ board_build_tool() {
     [ -x "$BOARD_TOOL" ] || board_die "no Merovane binary in $BOARD_BUILD"
 }
 
-# Extra programs for the guest's /usr/bin: C sources, each built static for
-# the board (the benchmark's reference loop and stopwatch, say).
-BOARD_GUEST_PROGRAMS=()
+# Programs for the guest's /usr/bin: C sources, each built static for the
+# board (the benchmark's reference loop and stopwatch, say).
+BOARD_GUEST_PROGRAMS=("$BOARD_DIR/guest/closing-wait.c")
 
 # board_build_helpers: the host plug and the static guest programs.
 board_build_helpers() {
@@ -509,25 +459,43 @@ board_unplug() {
 # board_qemu_command WORKDIR CONSOLE DUT: the board's QEMU command line in
 # BOARD_QEMU_CMD, with the chardevs CONSOLE on its console and DUT on the
 # UART under test (QEMU -chardev specs without their id); the results line
-# and the exit status line go to the files WORKDIR/out and WORKDIR/ctl.
+# and the exit status line, where the board has UARTs for them, go to the
+# files WORKDIR/out and WORKDIR/ctl.
 board_qemu_command() {
-    local work=$1 lines
-    # shellcheck disable=SC2054 # QEMU's own commas
-    case $BOARD_WIRING in
-    serial) lines=(-serial chardev:con -serial chardev:out -serial chardev:dut -serial chardev:ctl) ;;
-    pci-serial-4x) lines=(-serial chardev:dut -chardev null,id=spare
-        -device pci-serial-4x,chardev1=con,chardev2=out,chardev3=spare,chardev4=ctl) ;;
-    esac
-    local ttys machine=("${BOARD_MACHINE[@]}") extra=()
+    local work=$1 ttys machine=("${BOARD_MACHINE[@]}") extra=() lines=()
     read -r -a ttys <<<"$BOARD_TTYS"
     [ -n "$BOARD_DTB_NAME" ] && machine+=(-dtb "$BOARD_DTB")
     local append="console=${ttys[0]} quiet loglevel=3 panic=-1 $BOARD_APPEND"
     [ "$BOARD_TTYS" = "ttyS0 ttyS1 ttyS2 ttyS3" ] || append+=" merovane.ttys=${BOARD_TTYS// /,}"
     read -r -a extra <<<"${BOARD_QEMU_EXTRA:-}"
+    [[ " ${BOARD_LINES[*]} " == *chardev:out* || " ${BOARD_LINES[*]} " == *chardev2=out* ]] &&
+        lines+=(-chardev "file,id=out,path=$work/out")
+    [[ " ${BOARD_LINES[*]} " == *chardev:ctl* || " ${BOARD_LINES[*]} " == *chardev4=ctl* ]] &&
+        lines+=(-chardev "file,id=ctl,path=$work/ctl")
     BOARD_QEMU_CMD=("$BOARD_QEMU" "${machine[@]}" -nodefaults -no-user-config -display none
         -kernel "$BOARD_KERNEL" -initrd "$work/initrd.cpio" -append "$append"
-        -chardev "$2,id=con" -chardev "file,id=out,path=$work/out" -chardev "$3,id=dut"
-        -chardev "file,id=ctl,path=$work/ctl" "${lines[@]}" "${extra[@]}")
+        -chardev "$2,id=con" -chardev "$3,id=dut" "${lines[@]}" "${BOARD_LINES[@]}" "${extra[@]}")
+}
+
+# board_console_lines WORKDIR QEMU-PID: for a board whose console carries
+# its results and exit status, split them off the console's log: the
+# results, base64 on lines of their own, decoded into WORKDIR/out, and the
+# "exit N" line into WORKDIR/ctl.  Such a board may not end on power-off
+# (QEMU's Raspberry Pi has no power controller), so its QEMU ends here once
+# the status is in.
+board_console_lines() {
+    local work=$1 pid=$2
+    local line decoder
+    exec {decoder}> >(exec base64 -d >"$work/out")
+    while IFS= read -r line; do
+        line=${line%$'\r'}
+        case $line in
+        merovane-out:*) printf '%s\n' "${line#merovane-out:}" >&"$decoder" ;;
+        merovane-exit\ *) printf 'exit %s\n' "${line#merovane-exit }" >"$work/ctl" && break ;;
+        esac
+    done < <(exec tail -n +1 -F --pid="$pid" "$work/console.log" 2>/dev/null)
+    exec {decoder}>&-
+    kill "$pid" 2>/dev/null
 }
 
 # board_boot WORKDIR PLUG: boot the board once and wait for it to stop.
@@ -541,6 +509,7 @@ board_boot() {
     fi
     board_qemu_command "$work" "file,path=$work/console.log" "$dut"
     : >"$work/ctl"
+    : >"$work/console.log"
     # A job that never ends (a lost byte, a hung driver) must not hold CI.
     local limit=()
     [ -n "${BOARD_BOOT_TIMEOUT:-}" ] && limit=(timeout -s TERM "$BOARD_BOOT_TIMEOUT")
@@ -549,9 +518,16 @@ board_boot() {
     # One boot: the board's own reset or power-off ends QEMU.
     "${limit[@]}" "${BOARD_QEMU_CMD[@]}" -no-reboot </dev/null 2>"$work/qemu.err" &
     BOARD_QEMU_PID=$!
+    local splitter=
+    if board_over_console; then
+        board_console_lines "$work" "$BOARD_QEMU_PID" &
+        splitter=$!
+        BOARD_PIDS+=("$splitter")
+    fi
     wait "$BOARD_QEMU_PID"
     BOARD_QEMU_STATUS=$?
     BOARD_QEMU_PID=
+    [ -z "$splitter" ] || wait "$splitter"
     BOARD_EXIT=$(sed -n 's/^exit \([0-9][0-9]*\)$/\1/p' "$work/ctl")
     board_unplug
     if [ -z "$BOARD_EXIT" ]; then
