@@ -78,8 +78,8 @@ board_arch() {
     BOARD_ARCH=$name BOARD_GUEST_RELEASE='' BOARD_APT=() BOARD_ALIASES=''
     BOARD_DTB_NAME='' BOARD_MODULES='' BOARD_APPEND='' BOARD_TTYS="ttyS0 ttyS1 ttyS2 ttyS3"
     BOARD_LINES=(-serial chardev:con -serial chardev:out -serial chardev:dut -serial chardev:ctl)
-    BOARD_LOOPS_BACK=yes BOARD_DIFFERENCES='' BOARD_ROW_SETUP='' BOARD_PLUG_ALSO='' BOARD_LOOP_TEXT=''
-    unset -f board_patch_dtb
+    BOARD_LOOPS_BACK=yes BOARD_DIFFERENCES='' BOARD_ROW_SETUP='' BOARD_PLUG_ALSO='' BOARD_LOOP_TEXT='' BOARD_CTS=yes
+    unset -f board_patch_dtb board_qemu_options
     # shellcheck source=/dev/null
     source "$file"
     case $BOARD_DEB_ARCH in
@@ -465,6 +465,8 @@ board_qemu_command() {
     local work=$1 ttys machine=("${BOARD_MACHINE[@]}") extra=() lines=()
     read -r -a ttys <<<"$BOARD_TTYS"
     [ -n "$BOARD_DTB_NAME" ] && machine+=(-dtb "$BOARD_DTB")
+    # A board's options that depend on its QEMU's version.
+    ! declare -F board_qemu_options >/dev/null || board_qemu_options
     local append="console=${ttys[0]} quiet loglevel=3 panic=-1 $BOARD_APPEND"
     [ "$BOARD_TTYS" = "ttyS0 ttyS1 ttyS2 ttyS3" ] || append+=" merovane.ttys=${BOARD_TTYS// /,}"
     read -r -a extra <<<"${BOARD_QEMU_EXTRA:-}"
