@@ -48,11 +48,15 @@ board_list() {
     for file in "$BOARD_FILES"/*.board; do basename "$file" .board; done
 }
 
+# board_aliases NAME: the other names of a board, read without sourcing its
+# file (which may run what it likes).
+board_aliases() { sed -n 's/^BOARD_ALIASES="\(.*\)"$/\1/p' "$BOARD_FILES/$1.board"; }
+
 # board_names: the boards and their aliases, for messages.
 board_names() {
     local name aliases names=()
     for name in $(board_list); do
-        aliases=$(sed -n 's/^BOARD_ALIASES="\(.*\)"$/\1/p' "$BOARD_FILES/$name.board")
+        aliases=$(board_aliases "$name")
         names+=("$name${aliases:+ (or ${aliases// /, })}")
     done
     local IFS=,
@@ -69,7 +73,7 @@ board_names() {
 board_arch() {
     local name file=
     for name in $(board_list); do
-        if [ "$name" = "$1" ] || [[ " $(sed -n 's/^BOARD_ALIASES="\(.*\)"$/\1/p' "$BOARD_FILES/$name.board") " == *" $1 "* ]]; then
+        if [ "$name" = "$1" ] || [[ " $(board_aliases "$name") " == *" $1 "* ]]; then
             file=$BOARD_FILES/$name.board
             break
         fi
@@ -470,10 +474,9 @@ board_qemu_command() {
     local append="console=${ttys[0]} quiet loglevel=3 panic=-1 $BOARD_APPEND"
     [ "$BOARD_TTYS" = "ttyS0 ttyS1 ttyS2 ttyS3" ] || append+=" merovane.ttys=${BOARD_TTYS// /,}"
     read -r -a extra <<<"${BOARD_QEMU_EXTRA:-}"
-    [[ " ${BOARD_LINES[*]} " == *chardev:out* || " ${BOARD_LINES[*]} " == *chardev2=out* ]] &&
-        lines+=(-chardev "file,id=out,path=$work/out")
-    [[ " ${BOARD_LINES[*]} " == *chardev:ctl* || " ${BOARD_LINES[*]} " == *chardev4=ctl* ]] &&
-        lines+=(-chardev "file,id=ctl,path=$work/ctl")
+    # A board whose console carries them has no UARTs for out and ctl.
+    board_over_console ||
+        lines+=(-chardev "file,id=out,path=$work/out" -chardev "file,id=ctl,path=$work/ctl")
     BOARD_QEMU_CMD=("$BOARD_QEMU" "${machine[@]}" -nodefaults -no-user-config -display none
         -kernel "$BOARD_KERNEL" -initrd "$work/initrd.cpio" -append "$append"
         -chardev "$2,id=con" -chardev "$3,id=dut" "${lines[@]}" "${BOARD_LINES[@]}" "${extra[@]}")
