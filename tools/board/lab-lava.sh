@@ -14,19 +14,70 @@ LAB_LAVA_ETC=/etc/lava-server/dispatcher-config
 lab_lava_device() { printf 'merovane-lab-%s' "$1"; }
 lab_lava_worker() { printf 'merovane-lab-host-%s' "$1"; }
 
+# lab_lava_type NAME: the board's device type: LAVA's own for a board that
+# boots through U-Boot, as its board file names it, else the lab's.
+lab_lava_type() {
+    local type
+    type=$(lab_board_says "$1" BOARD_LAVA_TYPE)
+    lab_uboot "$1" && [ -n "$type" ] || type=$LAB_LAVA_TYPE
+    printf '%s' "$type"
+}
+
 # lab_lava_dictionary NAME: the board's device dictionary: its console on
-# its host's ser2net, its power through pduclient to its host's PDUDaemon.
+# its host's ser2net, its power through pduclient to its host's PDUDaemon;
+# for a board that boots through U-Boot, also its Ethernet address, the
+# kernel arguments its image needs, and what its board file sets of LAVA's
+# type.
 lab_lava_dictionary() {
     local host=${LAB_HOST[$1]} addr
     addr=${LAB_ADDR[$host]}
     local pdu="pduclient --http --daemon $addr --hostname $host --port ${LAB_OUTLET[$1]} --command"
     cat <<EOF
-{% extends '$LAB_LAVA_TYPE.jinja2' %}
+{% extends '$(lab_lava_type "$1").jinja2' %}
 {% set connection_command = 'telnet $addr ${LAB_CONSOLE_PORT[$1]}' %}
 {% set power_on_command = '$pdu on' %}
 {% set power_off_command = '$pdu off' %}
 {% set hard_reset_command = '$pdu reboot' %}
 EOF
+    lab_uboot "$1" || return 0
+    (
+        board_arch "${LAB_BOARD[$1]}"
+        printf "{%% set uboot_mac_addr = '%s' %%}\n" "$(lab_mac "$1")"
+        [ "$BOARD_UBOOT_NEEDS_MAC" = no ] || printf '{%% set uboot_set_mac = true %%}\n'
+        printf "{%% set base_kernel_args = '%s' %%}\n" "$(board_kernel_args)"
+        local var
+        for var in "${BOARD_LAVA_VARS[@]}"; do printf '{%% set %s %%}\n' "$var"; done
+    )
+}
+
+# What the lab writes into the description of a device type it adds, so
+# that it removes that type and no other: a lava-server that has LAVA's own
+# types for the boards already keeps them.
+LAB_LAVA_MARK="Added by Merovane's tools/lab."
+LAB_LAVA_DISPATCHERS=/etc/lava-server/dispatcher.d
+
+# lab_lava_types: the device types of the lab's boards in lava-server's
+# database, each added unless it is there already.
+lab_lava_types() {
+    local name types=()
+    for name in "${LAB_NAMES[@]}"; do types+=("$(lab_lava_type "$name")"); done
+    lava-server manage shell -v 0 <<EOF
+from lava_scheduler_app.models import DeviceType
+
+for name in sorted(set("${types[*]}".split())):
+    DeviceType.objects.get_or_create(name=name, defaults={"description": "$LAB_LAVA_MARK"})
+EOF
+}
+
+# lab_lava_dispatchers: each worker's own settings: the address its boards
+# reach it at, which LAVA puts in their U-Boot commands as {SERVER_IP}.
+lab_lava_dispatchers() {
+    local host
+    mkdir -p "$LAB_LAVA_DISPATCHERS"
+    for host in "${LAB_HOSTS[@]}"; do
+        printf '# Made by tools/lab.\ndispatcher_ip: %s\n' "$(lab_boards_addr "$host")" \
+            >"$LAB_LAVA_DISPATCHERS/$(lab_lava_worker "$host").yaml"
+    done
 }
 
 # lab_lava_forget: nothing of the lab left in lava-server's database or
@@ -50,10 +101,12 @@ Device.objects.filter(hostname__in=names).delete()
 Tag.objects.filter(name__in=names).delete()
 Worker.objects.filter(hostname__in=names).delete()
 DeviceType.objects.filter(name="$LAB_LAVA_TYPE").delete()
+DeviceType.objects.filter(description="$LAB_LAVA_MARK").delete()
 User.objects.filter(username="$LAB_LAVA_USER").delete()
 EOF
     for name in "${LAB_NAMES[@]}"; do rm -f "$LAB_LAVA_ETC/devices/$(lab_lava_device "$name").jinja2"; done
     rm -f "$LAB_LAVA_ETC/device-types/$LAB_LAVA_TYPE.jinja2"
+    for host in "${LAB_HOSTS[@]}"; do rm -f "$LAB_LAVA_DISPATCHERS/$(lab_lava_worker "$host").yaml"; done
 }
 
 # lab_lava_job NAME WHO FILE [SECONDS [BOOT]]: farm/lava/board-job.yaml for
@@ -64,12 +117,21 @@ EOF
 # their own: past half its boot time-out LAVA types "#" at a board that has
 # not shown its prompt yet, and the extra prompts it gets back then answer
 # the test's commands before they ran, so the boot has 4 minutes here.
+# A board that boots through U-Boot has farm/lava/uboot-job.yaml, its
+# files from where lab_prepare_board made them.
 lab_lava_job() {
-    local device limit=""
+    local device limit="" file=farm/lava/board-job.yaml dir extra=()
     device=$(lab_lava_device "$1")
     [ -z "${4:-}" ] || limit="-t $4 "
-    lab_fill farm/lava/board-job.yaml "s|^job_name: [^#]*|job_name: Merovane on the lab's $1 ($2)  |" \
+    if lab_uboot "$1"; then
+        file=farm/lava/uboot-job.yaml dir=$(lab_board_dir "$1")
+        extra=("s|^device_type: [^#]*|device_type: $(lab_lava_type "$1")  |"
+            "s|url: https://images.example.com/zImage|url: file://$dir/vmlinuz|"
+            "s|url: https://images.example.com/board.dtb|url: file://$dir/board.dtb|"
+            "s|url: https://images.example.com/ramdisk.cpio.gz|url: file://$dir/ramdisk.cpio.gz|")
+    fi
+    lab_fill "$file" "s|^job_name: [^#]*|job_name: Merovane on the lab's $1 ($2)  |" \
         "s|^tags: \[\]|tags: [$device]|" "s|-f /samples/pattern-1k.bin|-f $3|" \
         "s|^\(      timeout: \){minutes: 2}|\1{minutes: ${5:-4}}|" \
-        "s|merovane_case \([a-z-]*\) |merovane_case \1 $limit|"
+        "s|merovane_case \([a-z-]*\) |merovane_case \1 $limit|" "${extra[@]}"
 }

@@ -18,6 +18,17 @@ LAB_COORDINATOR=$LAB_SIDE_ADDR:20408
 LAB_CONSOLE_BASE=5000
 LAB_STATE=${LAB_STATE:-$BOARD_ROOT/build/lab}
 
+# The boards' own network on each lab host, as in a lab whose boards load
+# their kernels over TFTP: a bridge "boards" in the host's namespace,
+# 10.78.H.1 where H ends the host's address on the lab's network, with a
+# tap on it for each board that boots through U-Boot, and DHCP and TFTP
+# servers on it.  The TFTP folder is the one tftpd-hpa's configuration
+# names, where LAVA puts a job's files; labgrid's go below it.
+LAB_BOARDS_NET=10.78
+LAB_TFTP_ROOT=$(sed -n 's/^TFTP_DIRECTORY="\{0,1\}\([^"]*\)"\{0,1\}$/\1/p' /etc/default/tftpd-hpa 2>/dev/null)
+LAB_TFTP_ROOT=${LAB_TFTP_ROOT:-/srv/tftp}
+LAB_TFTP_DIR=merovane-lab
+
 lab_namespace() { printf 'merovane-%s' "$1"; }
 LAB_SIDE=$(lab_namespace side)
 
@@ -65,6 +76,21 @@ lab_boards_of() {
 # lab_board_dir NAME: where the board's image, command line and console are.
 lab_board_dir() { printf '%s/%s/%s' "$LAB_STATE" "${LAB_HOST[$1]}" "$1"; }
 
+# lab_board_says NAME VARIABLE: the value of VARIABLE in the file of the
+# board NAME.
+lab_board_says() { (board_arch "${LAB_BOARD[$1]}" && printf '%s' "${!2}"); }
+
+# lab_uboot NAME: whether the board boots through U-Boot in the lab.
+lab_uboot() { [ -n "$(lab_board_says "$1" BOARD_UBOOT_DEB)" ]; }
+
+# lab_boards_addr HOST: the lab host's address on its boards' network.
+lab_boards_addr() { printf '%s.%s.1' "$LAB_BOARDS_NET" "${LAB_ADDR[$1]##*.}"; }
+
+# lab_tap NAME, lab_mac NAME: the board's tap on its host, and its
+# Ethernet address.
+lab_tap() { printf 'tap%s' "${LAB_OUTLET[$1]}"; }
+lab_mac() { printf '52:54:00:78:%02x:%02x' "${LAB_ADDR[${LAB_HOST[$1]}]##*.}" "${LAB_OUTLET[$1]}"; }
+
 # lab_ser2net_config HOST: ser2net's configuration on HOST, a connection
 # per board from its console's TCP port (telnet with RFC 2217, so that a
 # client may set the line) to the board's console device.
@@ -111,6 +137,12 @@ $name:
     pdu: $1
     index: ${LAB_OUTLET[$name]}
 EOF
+        lab_uboot "$name" || continue
+        cat <<EOF
+  TFTPProvider:
+    internal: $LAB_TFTP_ROOT/$LAB_TFTP_DIR/$name/
+    external: $LAB_TFTP_DIR/$name/
+EOF
     done
 }
 
@@ -138,7 +170,18 @@ lab_prepare_board() {
     board_initrd "$dir" "$prelude export PS1='root@$name:~# '; while :; do setsid sh -c 'exec sh -i <>/dev/ttyS0 >&0 2>&1'; done"
     rm -rf "$dir/root"
     [ "${LAB_PLUG[$name]}" = none ] || dut=socket,path=$dir/plug.sock
-    board_qemu_command "$dir" pty "$dut"
+    if [ -n "$BOARD_UBOOT_DEB" ]; then
+        # What the engine loads over TFTP, from where a lab keeps its
+        # builds: kernel, device tree and the image as a ramdisk.
+        board_ensure_uboot
+        cp "$BOARD_KERNEL" "$dir/vmlinuz"
+        cp "$BOARD_DTB" "$dir/board.dtb"
+        gzip -c "$dir/initrd.cpio" >"$dir/ramdisk.cpio.gz"
+        board_qemu_command "$dir" pty "$dut" uboot
+        BOARD_QEMU_CMD+=(-nic "tap,ifname=$(lab_tap "$name"),script=no,downscript=no,model=$BOARD_NIC,mac=$(lab_mac "$name")")
+    else
+        board_qemu_command "$dir" pty "$dut"
+    fi
     # Without -no-reboot: a reset from the outlet resets the board, where
     # with it QEMU would end.
     BOARD_QEMU_CMD+=(-S -monitor "unix:$dir/monitor.sock,server=on,wait=off")
@@ -156,9 +199,37 @@ lab_fill() {
     sed -e "$program" "$BOARD_ROOT/$file"
 }
 
-# lab_labgrid_env FILE [SECONDS]: farm/labgrid/board.yaml sending FILE,
-# with SECONDS as the time limit if given.
+# The folder where the labgrid suite of a board that boots through U-Boot
+# finds the board's images: the board's own folder, mounted there for that
+# suite alone.  The lab's hosts share this machine's files, so at the
+# board's own path labgrid would find each image on the exporter's host
+# already (as on a shared NFS) and link to it where the TFTP server may not
+# read; here it copies them over SSH, as to a host of its own.
+LAB_IMAGES=/mnt
+
+# lab_bootargs NAME: the kernel arguments of a board that boots through
+# U-Boot: its console and what its image needs.
+lab_bootargs() {
+    (
+        board_arch "${LAB_BOARD[$1]}"
+        printf 'console=%s,115200 %s' "${BOARD_TTYS%% *}" "$(board_kernel_args)"
+    )
+}
+
+# lab_labgrid_env NAME FILE [SECONDS]: the board's labgrid environment,
+# farm/labgrid/board.yaml or, for a board that boots through U-Boot,
+# uboot-board.yaml, sending FILE, with SECONDS as the time limit if given.
 lab_labgrid_env() {
-    lab_fill farm/labgrid/board.yaml "s|^\(  merovane_file: *\)'[^']*'|\1'$1'|" \
-        "s|^\(  merovane_timeout: *\)'[^']*'|\1'${2:-}'|"
+    local file=farm/labgrid/board.yaml extra=()
+    if lab_uboot "$1"; then
+        file=farm/labgrid/uboot-board.yaml
+        extra=("s|^\(  kernel: *\)[^ ]*|\1$LAB_IMAGES/vmlinuz|" "s|^\(  dtb: *\)[^ ]*|\1$LAB_IMAGES/board.dtb|"
+            "s|^\(  ramdisk: *\)[^ ]*|\1$LAB_IMAGES/ramdisk.cpio.gz|"
+            "s|^\(  - \)ubootstrategy.py|\1$BOARD_ROOT/farm/labgrid/ubootstrategy.py|"
+            "s|^\(        bootargs: \)'[^']*'|\1'$(lab_bootargs "$1")'|")
+        [ "$(lab_board_says "$1" BOARD_UBOOT_NEEDS_MAC)" = no ] ||
+            extra+=("s|^\(        init_commands: \)\[\]|\1['setenv ethaddr $(lab_mac "$1")']|")
+    fi
+    lab_fill "$file" "s|^\(  merovane_file: *\)'[^']*'|\1'$2'|" \
+        "s|^\(  merovane_timeout: *\)'[^']*'|\1'${3:-}'|" "${extra[@]}"
 }

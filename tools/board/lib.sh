@@ -81,9 +81,10 @@ board_arch() {
     [ -n "$file" ] || board_die "unknown board '$1' ($(board_names))"
     BOARD_ARCH=$name BOARD_GUEST_RELEASE='' BOARD_APT=() BOARD_ALIASES=''
     BOARD_DTB_NAME='' BOARD_MODULES='' BOARD_APPEND='' BOARD_TTYS="ttyS0 ttyS1 ttyS2 ttyS3"
+    BOARD_UBOOT_DEB='' BOARD_UBOOT_FILE='' BOARD_UBOOT_NEEDS_MAC=no BOARD_NIC='' BOARD_LAVA_TYPE='' BOARD_LAVA_VARS=()
     BOARD_LINES=(-serial chardev:con -serial chardev:out -serial chardev:dut -serial chardev:ctl)
     BOARD_LOOPS_BACK=yes BOARD_DIFFERENCES='' BOARD_ROW_SETUP='' BOARD_PLUG_ALSO='' BOARD_LOOP_TEXT='' BOARD_CTS=yes
-    unset -f board_patch_dtb board_qemu_options
+    unset -f board_patch_dtb board_qemu_options board_uboot_qemu
     # shellcheck source=/dev/null
     source "$file"
     case $BOARD_DEB_ARCH in
@@ -298,6 +299,23 @@ board_ensure_busybox() {
     BOARD_BUSYBOX=$bdir/busybox
 }
 
+# board_ensure_uboot: BOARD_UBOOT, the board's U-Boot as Debian builds it
+# (BOARD_UBOOT_DEB's BOARD_UBOOT_FILE), cached; the package is downloaded
+# and unpacked, never installed.
+board_ensure_uboot() {
+    local udir=$BOARD_ARCH_CACHE/uboot
+    if [ ! -s "$udir/$(basename "$BOARD_UBOOT_FILE")" ]; then
+        [ -n "${BOARD_GUEST_RELEASE:-}" ] || board_guest_release
+        rm -rf "$udir.tmp"
+        board_fetch_deb "$BOARD_UBOOT_DEB" "$udir.tmp/x"
+        cp "$udir.tmp/x/$BOARD_UBOOT_FILE" "$udir.tmp/" || board_die "no $BOARD_UBOOT_FILE in $BOARD_UBOOT_DEB"
+        rm -rf "$udir.tmp/x" "$udir"
+        mv "$udir.tmp" "$udir"
+    fi
+    # shellcheck disable=SC2034 # read by the board files
+    BOARD_UBOOT=$udir/$(basename "$BOARD_UBOOT_FILE")
+}
+
 # board_build_tool: the shipped Merovane, linked statically for the guest.
 # BOARD_MEROVANE=/path/to/Merovane boots a binary built elsewhere instead
 # (a release artefact, say); it must be static and of the board's arch.
@@ -460,25 +478,38 @@ board_unplug() {
     fi
 }
 
-# board_qemu_command WORKDIR CONSOLE DUT: the board's QEMU command line in
-# BOARD_QEMU_CMD, with the chardevs CONSOLE on its console and DUT on the
-# UART under test (QEMU -chardev specs without their id); the results line
-# and the exit status line, where the board has UARTs for them, go to the
-# files WORKDIR/out and WORKDIR/ctl.
+# board_kernel_args: the kernel arguments the board's guest needs, beyond
+# its console and how much the kernel says there.
+board_kernel_args() {
+    local args="panic=-1 $BOARD_APPEND"
+    [ "$BOARD_TTYS" = "ttyS0 ttyS1 ttyS2 ttyS3" ] || args+=" merovane.ttys=${BOARD_TTYS// /,}"
+    printf '%s' "$args"
+}
+
+# board_qemu_command WORKDIR CONSOLE DUT [uboot]: the board's QEMU command
+# line in BOARD_QEMU_CMD, with the chardevs CONSOLE on its console and DUT
+# on the UART under test (QEMU -chardev specs without their id); the
+# results line and the exit status line, where the board has UARTs for
+# them, go to the files WORKDIR/out and WORKDIR/ctl.  With "uboot", QEMU
+# loads the board's U-Boot alone (board_uboot_qemu), which loads the rest.
 board_qemu_command() {
-    local work=$1 ttys machine=("${BOARD_MACHINE[@]}") extra=() lines=()
+    local work=$1 ttys machine=("${BOARD_MACHINE[@]}") extra=() lines=() boot=()
     read -r -a ttys <<<"$BOARD_TTYS"
-    [ -n "$BOARD_DTB_NAME" ] && machine+=(-dtb "$BOARD_DTB")
     # A board's options that depend on its QEMU's version.
     ! declare -F board_qemu_options >/dev/null || board_qemu_options
-    local append="console=${ttys[0]} quiet loglevel=3 panic=-1 $BOARD_APPEND"
-    [ "$BOARD_TTYS" = "ttyS0 ttyS1 ttyS2 ttyS3" ] || append+=" merovane.ttys=${BOARD_TTYS// /,}"
+    if [ "${4:-}" = uboot ]; then
+        board_uboot_qemu "$work"
+        boot=("${BOARD_UBOOT_QEMU[@]}")
+    else
+        [ -n "$BOARD_DTB_NAME" ] && machine+=(-dtb "$BOARD_DTB")
+        boot=(-kernel "$BOARD_KERNEL" -initrd "$work/initrd.cpio"
+            -append "console=${ttys[0]} quiet loglevel=3 $(board_kernel_args)")
+    fi
     read -r -a extra <<<"${BOARD_QEMU_EXTRA:-}"
     # A board whose console carries them has no UARTs for out and ctl.
     board_over_console ||
         lines+=(-chardev "file,id=out,path=$work/out" -chardev "file,id=ctl,path=$work/ctl")
-    BOARD_QEMU_CMD=("$BOARD_QEMU" "${machine[@]}" -nodefaults -no-user-config -display none
-        -kernel "$BOARD_KERNEL" -initrd "$work/initrd.cpio" -append "$append"
+    BOARD_QEMU_CMD=("$BOARD_QEMU" "${machine[@]}" -nodefaults -no-user-config -display none "${boot[@]}"
         -chardev "$2,id=con" -chardev "$3,id=dut" "${lines[@]}" "${BOARD_LINES[@]}" "${extra[@]}")
 }
 
