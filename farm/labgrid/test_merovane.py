@@ -19,7 +19,9 @@ def merovane(settings, strategy, target):
     """A function that runs Merovane on the board as one case with the given
     arguments ({file} and {baud} filled in) and returns (verdict, why)."""
     strategy.transition("shell")
-    shell = target.get_driver("CommandProtocol")
+    # The shell the strategy left active: a board that boots through U-Boot
+    # has a second command line, U-Boot's, by then inactive.
+    shell = target.get_active_driver("CommandProtocol")
     file, baud = settings["merovane_file"], settings["merovane_baud"]
     verdict = ["merovane-verdict", "-c", settings["merovane"]]
     if settings["merovane_timeout"]:
