@@ -59,17 +59,13 @@ EOF
 # lab_lava_job NAME WHO FILE [SECONDS [BOOT]]: farm/lava/board-job.yaml for
 # the board NAME, named for the user WHO, picking the board by its tag,
 # sending FILE in each case, with SECONDS as the time limit if given (""
-# for none) and BOOT minutes for its boot (4 unless given).  The lab's
-# boards boot all at once on a machine's few cores, slower than a board of
-# their own: past half its boot time-out LAVA types "#" at a board that has
-# not shown its prompt yet, and the extra prompts it gets back then answer
-# the test's commands before they ran, so the boot has 4 minutes here.
+# for none) and BOOT minutes for its boot (LAB_LAVA_BOOT unless given).
 lab_lava_job() {
-    local device limit=""
+    local device limit="" boot=${5:-$LAB_LAVA_BOOT} expressions=()
     device=$(lab_lava_device "$1")
     [ -z "${4:-}" ] || limit="-t $4 "
+    [ "$boot" = own ] || expressions+=("s|^\(      timeout: \){minutes: 2}|\1{minutes: $boot}|")
     lab_fill farm/lava/board-job.yaml "s|^job_name: [^#]*|job_name: Merovane on the lab's $1 ($2)  |" \
         "s|^tags: \[\]|tags: [$device]|" "s|-f /samples/pattern-1k.bin|-f $3|" \
-        "s|^\(      timeout: \){minutes: 2}|\1{minutes: ${5:-4}}|" \
-        "s|merovane_case \([a-z-]*\) |merovane_case \1 $limit|"
+        "s|merovane_case \([a-z-]*\) |merovane_case \1 $limit|" "${expressions[@]}"
 }
