@@ -112,26 +112,22 @@ EOF
 # lab_lava_job NAME WHO FILE [SECONDS [BOOT]]: farm/lava/board-job.yaml for
 # the board NAME, named for the user WHO, picking the board by its tag,
 # sending FILE in each case, with SECONDS as the time limit if given (""
-# for none) and BOOT minutes for its boot (4 unless given).  The lab's
-# boards boot all at once on a machine's few cores, slower than a board of
-# their own: past half its boot time-out LAVA types "#" at a board that has
-# not shown its prompt yet, and the extra prompts it gets back then answer
-# the test's commands before they ran, so the boot has 4 minutes here.
+# for none) and BOOT minutes for its boot (LAB_LAVA_BOOT unless given).
 # A board that boots through U-Boot has farm/lava/uboot-job.yaml, its
 # files from where lab_prepare_board made them.
 lab_lava_job() {
-    local device limit="" file=farm/lava/board-job.yaml dir extra=()
+    local device limit="" file=farm/lava/board-job.yaml dir boot=${5:-$LAB_LAVA_BOOT} extra=()
     device=$(lab_lava_device "$1")
     [ -z "${4:-}" ] || limit="-t $4 "
+    [ "$boot" = own ] || extra+=("s|^\(      timeout: \){minutes: 2}|\1{minutes: $boot}|")
     if lab_uboot "$1"; then
         file=farm/lava/uboot-job.yaml dir=$(lab_board_dir "$1")
-        extra=("s|^device_type: [^#]*|device_type: $(lab_lava_type "$1")  |"
+        extra+=("s|^device_type: [^#]*|device_type: $(lab_lava_type "$1")  |"
             "s|url: https://images.example.com/zImage|url: file://$dir/vmlinuz|"
             "s|url: https://images.example.com/board.dtb|url: file://$dir/board.dtb|"
             "s|url: https://images.example.com/ramdisk.cpio.gz|url: file://$dir/ramdisk.cpio.gz|")
     fi
     lab_fill "$file" "s|^job_name: [^#]*|job_name: Merovane on the lab's $1 ($2)  |" \
         "s|^tags: \[\]|tags: [$device]|" "s|-f /samples/pattern-1k.bin|-f $3|" \
-        "s|^\(      timeout: \){minutes: 2}|\1{minutes: ${5:-4}}|" \
         "s|merovane_case \([a-z-]*\) |merovane_case \1 $limit|" "${extra[@]}"
 }
