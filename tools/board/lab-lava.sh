@@ -56,16 +56,55 @@ EOF
 LAB_LAVA_MARK="Added by Merovane's tools/lab."
 LAB_LAVA_DISPATCHERS=/etc/lava-server/dispatcher.d
 
-# lab_lava_types: the device types of the lab's boards in lava-server's
-# database, each added unless it is there already.
-lab_lava_types() {
-    local name types=()
+# lab_lava_add DIR: the lab in lava-server's database: the lab's user and
+# its token (DIR/token), a worker per host and its details (DIR/HOST.worker),
+# the device types of the lab's boards (each added unless it is there
+# already), and a device per board with its tag.  Each through the command
+# a lab's admin types, all of them run by one management shell: every
+# lava-server command starts Django afresh, 2 s apiece, and the lab needs
+# some forty.
+lab_lava_add() {
+    local dir=$1 name host device worker types=()
     for name in "${LAB_NAMES[@]}"; do types+=("$(lab_lava_type "$name")"); done
+    {
+        printf -- '-\tusers\tadd\t%s\t--superuser\t--staff\n' "$LAB_LAVA_USER"
+        printf '%s\ttokens\tadd\t--user\t%s\n' "$dir/token" "$LAB_LAVA_USER"
+        for host in "${LAB_HOSTS[@]}"; do
+            worker=$(lab_lava_worker "$host")
+            printf -- '-\tworkers\tadd\t%s\n' "$worker"
+            printf '%s\tworkers\tdetails\t%s\n' "$dir/$host.worker" "$worker"
+        done
+        for name in "${LAB_NAMES[@]}"; do
+            device=$(lab_lava_device "$name")
+            printf -- "-\tdevice-tags\tcreate\t%s\tthe lab's board %s\n" "$device" "$name"
+            # The name before --tags, which takes every word after it.
+            printf -- '-\tdevices\tadd\t%s\t--device-type\t%s\t--worker\t%s\t--tags\t%s\n' "$device" \
+                "$(lab_lava_type "$name")" "$(lab_lava_worker "${LAB_HOST[$name]}")" "$device"
+        done
+    } >"$dir/commands"
     lava-server manage shell -v 0 <<EOF
+import contextlib
+import io
+import os
+import sys
+from django.core.management import call_command
 from lava_scheduler_app.models import DeviceType
 
 for name in sorted(set("${types[*]}".split())):
     DeviceType.objects.get_or_create(name=name, defaults={"description": "$LAB_LAVA_MARK"})
+# Tokens go to files that only root reads.
+os.umask(0o077)
+for line in open("$dir/commands"):
+    out, *command = line.rstrip("\n").split("\t")
+    said = io.StringIO()
+    try:
+        with contextlib.redirect_stdout(said):
+            call_command(*command, stdout=said)
+    except (Exception, SystemExit) as error:
+        sys.exit(f"lava-server manage {' '.join(command)}: {error}")
+    if out != "-":
+        with open(out, "w") as file:
+            file.write(said.getvalue())
 EOF
 }
 
